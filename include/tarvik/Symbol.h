@@ -1,0 +1,79 @@
+// Symbol.h: interned names.
+//
+// A Symbol stands for one distinct text, stored once in a process-wide registry and numbered in order of
+// first use with no gaps: "" is always number 0 (it is interned before anything else), the next new name
+// is 1, and so on. Equality of two symbols is identity (one pointer comparison); ordering is by text, so
+// sorted symbol containers are in alphabetical order of the names. A name can travel as its number and
+// be looked up again with Symbol(unsigned int).
+//
+// Ownership: registry entries are never freed while the process runs, so a Symbol (one pointer) can be
+// copied freely and its name read at any time without a lock.
+//
+// Thread safety: interning (the text constructors) and lookups by number take the registry's one lock
+// and may run from any thread; reading a symbol's name or number needs no lock.
+//
+// The conversions to `char const*` and to the number are explicit: implicit ones would make every call
+// that accepts both an AString and a `char const*` (or a char) ambiguous for a Symbol argument. The
+// conversion to `AString const&` is implicit.
+#pragma once
+
+#include "tarvik/AString.h"
+#include "tarvik/List.h"
+#include "tarvik/ListAllocator.h"
+#include "tarvik/Types.h"
+
+namespace tarvik {
+
+// One registry entry: the name and its number. Owned by the registry for the whole process.
+struct SymbolEntry {
+    AString name;
+    unsigned int num;
+};
+
+class TARVIK_EXPORT Symbol {
+public:
+    // The empty name "", number 0.
+    Symbol();
+    // Interns the text (null is "").
+    Symbol(char const* name);
+    Symbol(AString const& name);
+    // Looks a number up; never creates. An unknown number gives a null symbol, whose name is empty and
+    // whose number reads 0 (equal to Symbol() by number, not by identity).
+    explicit Symbol(unsigned int num);
+
+    AString const& get_name() const { return entry_ ? entry_->name : empty_name_(); }
+    unsigned int get_num() const { return entry_ ? entry_->num : 0; }
+    bool is_null() const { return entry_ == nullptr; }
+    SymbolEntry const* get_entry() const { return entry_; }
+
+    operator AString const&() const { return get_name(); }
+    explicit operator char const*() const { return get_name().c_str(); }
+    explicit operator unsigned int() const { return get_num(); }
+    char const* c_str() const { return get_name().c_str(); }
+
+    // Text order of the names (AString comparison).
+    int compare(Symbol const& other) const { return get_name().compare(other.get_name()); }
+
+    friend bool operator==(Symbol const& a, Symbol const& b) { return a.entry_ == b.entry_; }
+    friend bool operator==(Symbol const& a, char const* b) { return a.get_name() == (b ? b : ""); }
+    friend bool operator==(Symbol const& a, AString const& b) { return a.get_name() == b; }
+    friend bool operator==(Symbol const& a, unsigned int n) { return a.get_num() == n; }
+    friend bool operator<(Symbol const& a, Symbol const& b) { return a.compare(b) < 0; }
+    friend bool operator>(Symbol const& a, Symbol const& b) { return a.compare(b) > 0; }
+
+    // Writes the name with & < > escaped (quotes are written as they are). Returns 0.
+    long write_xml(OBStream& out) const;
+    // A symbol is not read from XML on its own: does nothing, returns 0.
+    long read_xml(IBStream& in);
+
+    // How many names the registry holds (the next number to be handed out).
+    static unsigned int count();
+
+private:
+    static AString const& empty_name_();
+    SymbolEntry const* entry_;
+};
+
+using SymbolList = List<Symbol, TvkListAllocator<Symbol>>;
+
+}  // namespace tarvik

@@ -1,0 +1,21 @@
+// tarvik.h: every public header of the library.
+#pragma once
+
+#include "tarvik/AString.h"
+#include "tarvik/Array.h"
+#include "tarvik/AutoRef.h"
+#include "tarvik/Blob.h"
+#include "tarvik/CriticalSection.h"
+#include "tarvik/Export.h"
+#include "tarvik/GlobVar.h"
+#include "tarvik/HMap.h"
+#include "tarvik/IOBStream.h"
+#include "tarvik/List.h"
+#include "tarvik/ListAllocator.h"
+#include "tarvik/Log.h"
+#include "tarvik/Path.h"
+#include "tarvik/String.h"
+#include "tarvik/StringBuffer.h"
+#include "tarvik/Symbol.h"
+#include "tarvik/System.h"
+#include "tarvik/Types.h"

@@ -1,0 +1,143 @@
+#include "tarvik/List.h"
+
+#include <cstdlib>
+
+#include "LogUnit.h"
+#include "Memory.h"
+
+TARVIK_LOG_UNIT()
+
+namespace tarvik {
+
+// A block of nodes; the nodes follow the header, each node_size_ bytes.
+struct Chunk {
+    Chunk* next;
+    unsigned int count;
+};
+
+namespace {
+
+constexpr unsigned int kChunkHeader = 16;  // keeps the nodes 16-aligned
+constexpr unsigned int kMaxChunkNodes = 256;
+static_assert(sizeof(Chunk) <= kChunkHeader);
+
+}  // namespace
+
+BaseList::BaseList(unsigned int node_size) : node_size_(node_size) {
+    head_.next = head_.prev = &head_;
+}
+
+BaseList::BaseList(BaseList&& other) noexcept : node_size_(other.node_size_) {
+    head_.next = head_.prev = &head_;
+    move_from_(other);
+}
+
+BaseList::~BaseList() { free_all_(); }
+
+void BaseList::reserve_nodes_(unsigned int n) {
+    if (n <= free_count_) return;
+    unsigned long long count = n - free_count_;
+    auto* chunk = static_cast<Chunk*>(memory::allocate(kChunkHeader + count * node_size_));
+    chunk->count = static_cast<unsigned int>(count);
+    chunk->next = chunks_;
+    chunks_ = chunk;
+    char* nodes = reinterpret_cast<char*>(chunk) + kChunkHeader;
+    // Thread the new nodes onto the free list so that they are handed out in address order.
+    for (unsigned long long i = count; i-- > 0;) {
+        auto* node = reinterpret_cast<ListNodeBase*>(nodes + i * node_size_);
+        node->next = free_;
+        free_ = node;
+    }
+    free_count_ += chunk->count;
+}
+
+ListNodeBase* BaseList::acquire_node_() {
+    if (!free_) {
+        reserve_nodes_(next_chunk_);
+        if (next_chunk_ < kMaxChunkNodes) next_chunk_ *= 2;
+    }
+    ListNodeBase* node = free_;
+    free_ = node->next;
+    --free_count_;
+    return node;
+}
+
+void BaseList::release_node_(ListNodeBase* node) {
+    node->next = free_;
+    free_ = node;
+    ++free_count_;
+}
+
+void BaseList::link_before_(ListNodeBase* pos, ListNodeBase* node) {
+    node->next = pos;
+    node->prev = pos->prev;
+    pos->prev->next = node;
+    pos->prev = node;
+    ++size_;
+}
+
+void BaseList::unlink_(ListNodeBase* node) {
+    node->prev->next = node->next;
+    node->next->prev = node->prev;
+    --size_;
+}
+
+void BaseList::free_all_() {
+    while (chunks_) {
+        Chunk* next = chunks_->next;
+        std::free(chunks_);
+        chunks_ = next;
+    }
+    head_.next = head_.prev = &head_;
+    size_ = 0;
+    free_ = nullptr;
+    free_count_ = 0;
+    next_chunk_ = 4;
+}
+
+void BaseList::take_all_(BaseList& other) {
+    if (other.size_ == 0) return;
+    // Link the other chain after our last node.
+    ListNodeBase* first = other.head_.next;
+    ListNodeBase* last = other.head_.prev;
+    first->prev = head_.prev;
+    head_.prev->next = first;
+    last->next = &head_;
+    head_.prev = last;
+    size_ += other.size_;
+    // The nodes live in the other's chunks: those chunks, and their unused nodes, come along.
+    if (other.chunks_) {
+        Chunk* tail = other.chunks_;
+        while (tail->next) tail = tail->next;
+        tail->next = chunks_;
+        chunks_ = other.chunks_;
+    }
+    while (other.free_) {
+        ListNodeBase* n = other.free_;
+        other.free_ = n->next;
+        release_node_(n);
+    }
+    other.chunks_ = nullptr;
+    other.free_count_ = 0;
+    other.free_all_();
+}
+
+void BaseList::move_from_(BaseList& other) noexcept {
+    chunks_ = other.chunks_;
+    free_ = other.free_;
+    free_count_ = other.free_count_;
+    next_chunk_ = other.next_chunk_;
+    size_ = other.size_;
+    if (other.size_) {
+        head_.next = other.head_.next;
+        head_.prev = other.head_.prev;
+        head_.next->prev = &head_;
+        head_.prev->next = &head_;
+    } else {
+        head_.next = head_.prev = &head_;
+    }
+    other.chunks_ = nullptr;
+    other.free_all_();
+}
+
+}  // namespace tarvik

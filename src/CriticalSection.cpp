@@ -1,0 +1,19 @@
+#include "tarvik/CriticalSection.h"
+
+#include "CriticalSectionImpl.h"
+
+namespace tarvik {
+
+static_assert(sizeof(CriticalSection) >= critical_section_impl::kStorageSize);
+
+CriticalSection::CriticalSection() { critical_section_impl::init(storage_); }
+
+CriticalSection::~CriticalSection() { critical_section_impl::destroy(storage_); }
+
+void CriticalSection::enter() { critical_section_impl::enter(storage_); }
+
+void CriticalSection::leave() { critical_section_impl::leave(storage_); }
+
+bool CriticalSection::try_enter() { return critical_section_impl::try_enter(storage_); }
+
+}  // namespace tarvik

@@ -1,0 +1,246 @@
+#include "tarvik/GlobVar.h"
+
+#include <atomic>
+
+#include "LogUnit.h"
+#include "tarvik/CriticalSection.h"
+#include "tarvik/Path.h"
+
+TARVIK_LOG_UNIT()
+
+namespace tarvik {
+
+struct GlobVarModule;
+
+struct GlobVarEntry {
+    Symbol module_name;
+    std::atomic<int> value{0};
+    GlobVar::Kind kind;
+    Symbol name;
+    GlobVarEntry* next = nullptr;
+    int count = 0;
+    GlobVarModule* module;
+};
+
+struct GlobVarModule {
+    Symbol name;
+    std::atomic<int> default_level{0};
+    GlobVarEntry* variables = nullptr;
+    GlobVarModule* next = nullptr;
+};
+
+namespace {
+
+// The registry: the module list (newest first) and the process-wide default level. Made on first use
+// and never destroyed, so variables of any static lifetime can bind and release safely.
+struct Registry {
+    CriticalSection lock;
+    GlobVarModule* modules = nullptr;
+    std::atomic<int> default_level{0};
+
+    GlobVarModule* find_module(Symbol const& name) const {
+        for (GlobVarModule* m = modules; m; m = m->next)
+            if (m->name == name) return m;
+        return nullptr;
+    }
+
+    GlobVarEntry* find_entry(Symbol const& module, Symbol const& name, GlobVar::Kind kind) const {
+        GlobVarModule* m = find_module(module);
+        if (!m) return nullptr;
+        for (GlobVarEntry* e = m->variables; e; e = e->next)
+            if (e->kind == kind && e->name == name) return e;
+        return nullptr;
+    }
+
+    GlobVarEntry* bind(Symbol const& module, Symbol const& name, GlobVar::Kind kind) {
+        GlobVarModule* m = find_module(module);
+        if (!m) {
+            m = new GlobVarModule;
+            m->name = module;
+            m->next = modules;
+            modules = m;
+        }
+        GlobVarEntry* e = m->variables;
+        while (e && !(e->kind == kind && e->name == name)) e = e->next;
+        if (!e) {
+            e = new GlobVarEntry;
+            e->module_name = module;
+            e->kind = kind;
+            e->name = name;
+            e->module = m;
+            e->next = m->variables;
+            m->variables = e;
+        }
+        ++e->count;
+        return e;
+    }
+
+    void release(GlobVarEntry* entry) {
+        GlobVarModule* m = entry->module;
+        if (--entry->count > 0) return;
+        for (GlobVarEntry** link = &m->variables; *link; link = &(*link)->next) {
+            if (*link == entry) {
+                *link = entry->next;
+                break;
+            }
+        }
+        delete entry;
+        if (m->variables) return;
+        for (GlobVarModule** link = &modules; *link; link = &(*link)->next) {
+            if (*link == m) {
+                *link = m->next;
+                break;
+            }
+        }
+        delete m;
+    }
+};
+
+Registry& registry() {
+    static Registry* const instance = new Registry;
+    return *instance;
+}
+
+}  // namespace
+
+// --- GlobVar ------------------------------------------------------------------------------------------
+
+GlobVar::GlobVar(Symbol const& module, Symbol const& name, Kind kind) {
+    Registry& r = registry();
+    CriticalSectionHolder hold(r.lock);
+    entry_ = r.bind(module, name, kind);
+}
+
+GlobVar::~GlobVar() {
+    if (!entry_) return;
+    Registry& r = registry();
+    CriticalSectionHolder hold(r.lock);
+    r.release(entry_);
+    entry_ = nullptr;
+}
+
+Symbol GlobVar::get_module() const { return entry_ ? entry_->module_name : Symbol(); }
+
+Symbol GlobVar::get_name() const { return entry_ ? entry_->name : Symbol(); }
+
+int GlobVar::read_() const { return entry_ ? entry_->value.load(std::memory_order_relaxed) : 0; }
+
+int GlobVar::write_(int value) {
+    return entry_ ? entry_->value.exchange(value, std::memory_order_relaxed) : 0;
+}
+
+void GlobVar::add_(int delta) {
+    if (entry_) entry_->value.fetch_add(delta, std::memory_order_relaxed);
+}
+
+int GlobVar::get_modules(SymbolList& out) {
+    Registry& r = registry();
+    CriticalSectionHolder hold(r.lock);
+    for (GlobVarModule* m = r.modules; m; m = m->next) out.push_back(m->name);
+    return 0;
+}
+
+int GlobVar::get_names_(Symbol const& module, Kind kind, SymbolList& out) {
+    Registry& r = registry();
+    CriticalSectionHolder hold(r.lock);
+    GlobVarModule* m = r.find_module(module);
+    int n = 0;
+    for (GlobVarEntry* e = m ? m->variables : nullptr; e; e = e->next) {
+        if (e->kind != kind) continue;
+        out.push_back(e->name);
+        ++n;
+    }
+    return n;
+}
+
+int GlobVar::get_(Symbol const& module, Symbol const& name, Kind kind) {
+    Registry& r = registry();
+    CriticalSectionHolder hold(r.lock);
+    GlobVarEntry* e = r.find_entry(module, name, kind);
+    return e ? e->value.load(std::memory_order_relaxed) : 0;
+}
+
+int GlobVar::set_(Symbol const& module, Symbol const& name, Kind kind, int value) {
+    Registry& r = registry();
+    CriticalSectionHolder hold(r.lock);
+    GlobVarEntry* e = r.find_entry(module, name, kind);
+    return e ? e->value.exchange(value, std::memory_order_relaxed) : 0;
+}
+
+// --- GlobVarInt / GlobVarBool -----------------------------------------------------------------------
+
+GlobVarInt::GlobVarInt(Symbol const& module, Symbol const& name) : GlobVar(module, name, KIND_INT) {}
+
+GlobVarInt::GlobVarInt(Symbol const& module, Symbol const& name, int value) : GlobVar(module, name, KIND_INT) {
+    set(value);
+}
+
+int GlobVarInt::get_names(Symbol const& module, SymbolList& out) { return get_names_(module, KIND_INT, out); }
+int GlobVarInt::get(Symbol const& module, Symbol const& name) { return get_(module, name, KIND_INT); }
+int GlobVarInt::set(Symbol const& module, Symbol const& name, int value) {
+    return set_(module, name, KIND_INT, value);
+}
+
+GlobVarBool::GlobVarBool(Symbol const& module, Symbol const& name) : GlobVar(module, name, KIND_BOOL) {}
+
+GlobVarBool::GlobVarBool(Symbol const& module, Symbol const& name, bool value) : GlobVar(module, name, KIND_BOOL) {
+    set(value);
+}
+
+int GlobVarBool::get_names(Symbol const& module, SymbolList& out) { return get_names_(module, KIND_BOOL, out); }
+bool GlobVarBool::get(Symbol const& module, Symbol const& name) { return get_(module, name, KIND_BOOL) != 0; }
+bool GlobVarBool::set(Symbol const& module, Symbol const& name, bool value) {
+    return set_(module, name, KIND_BOOL, value ? 1 : 0) != 0;
+}
+
+// --- GlobVarLog -----------------------------------------------------------------------------------
+
+AString GlobVarLog::name_of_source(char const* source_path) {
+    AString base = Path(source_path).get_base();
+    return base.make_upper();
+}
+
+GlobVarLog::GlobVarLog(Symbol const& module, char const* source_path)
+    : GlobVar(module, Symbol(name_of_source(source_path)), KIND_LOG) {}
+
+GlobVarLog::GlobVarLog(Symbol const& module, char const* source_path, int level)
+    : GlobVar(module, Symbol(name_of_source(source_path)), KIND_LOG) {
+    set(level);
+}
+
+int GlobVarLog::get() const {
+    if (!entry_) return 0;
+    int level = entry_->value.load(std::memory_order_relaxed);
+    int module_level = entry_->module->default_level.load(std::memory_order_relaxed);
+    int process_level = registry().default_level.load(std::memory_order_relaxed);
+    if (module_level > level) level = module_level;
+    return process_level > level ? process_level : level;
+}
+
+int GlobVarLog::get_names(Symbol const& module, SymbolList& out) { return get_names_(module, KIND_LOG, out); }
+int GlobVarLog::get(Symbol const& module, Symbol const& name) { return get_(module, name, KIND_LOG); }
+int GlobVarLog::set(Symbol const& module, Symbol const& name, int level) { return set_(module, name, KIND_LOG, level); }
+
+int GlobVarLog::get_default() { return registry().default_level.load(std::memory_order_relaxed); }
+
+int GlobVarLog::set_default(int level) {
+    Registry& r = registry();
+    CriticalSectionHolder hold(r.lock);
+    return r.default_level.exchange(level, std::memory_order_relaxed);
+}
+
+int GlobVarLog::get_default(Symbol const& module) {
+    Registry& r = registry();
+    CriticalSectionHolder hold(r.lock);
+    GlobVarModule* m = r.find_module(module);
+    return m ? m->default_level.load(std::memory_order_relaxed) : 0;
+}
+
+int GlobVarLog::set_default(Symbol const& module, int level) {
+    Registry& r = registry();
+    CriticalSectionHolder hold(r.lock);
+    GlobVarModule* m = r.find_module(module);
+    return m ? m->default_level.exchange(level, std::memory_order_relaxed) : 0;
+}
+
+}  // namespace tarvik

@@ -1,0 +1,19 @@
+#include "tarvik/HMap.h"
+
+#include "LogUnit.h"
+
+TARVIK_LOG_UNIT()
+
+namespace tarvik {
+
+unsigned int hash_bytes(void const* data, std::size_t n) {
+    auto const* p = static_cast<unsigned char const*>(data);
+    unsigned int h = 2166136261u;
+    for (std::size_t i = 0; i < n; ++i) {
+        h ^= p[i];
+        h *= 16777619u;
+    }
+    return h;
+}
+
+}  // namespace tarvik

@@ -1,0 +1,282 @@
+#include "tarvik/StringBuffer.h"
+
+#include <cctype>
+#include <cstring>
+#include <new>
+
+#include "LogUnit.h"
+#include "tarvik/AString.h"
+#include "tarvik/IOBStream.h"
+#include "tarvik/Path.h"
+
+TARVIK_LOG_UNIT()
+
+namespace tarvik {
+
+// --- pages --------------------------------------------------------------------------------------------
+
+StringBuffer::Page* StringBuffer::add_page_() {
+    // Zero-filled with two spare bytes, so the payload is always NUL-terminated.
+    char* block = new char[sizeof(Page) + page_size_ + 2]();
+    auto* page = reinterpret_cast<Page*>(block);
+    page->owner = this;
+    page->used = 0;
+    page->next = nullptr;
+    if (last_) {
+        last_->next = page;
+    } else {
+        first_ = page;
+    }
+    last_ = page;
+    return page;
+}
+
+void StringBuffer::free_pages_() {
+    for (Page* p = first_; p;) {
+        Page* next = p->next;
+        delete[] reinterpret_cast<char*>(p);
+        p = next;
+    }
+    first_ = last_ = nullptr;
+    size_ = 0;
+}
+
+// --- construction -------------------------------------------------------------------------------------
+
+StringBuffer::StringBuffer(unsigned int page_size) : page_size_(page_size ? page_size : 128) {}
+
+StringBuffer::StringBuffer(char const* text, unsigned int page_size) : StringBuffer(page_size) { append(text); }
+
+StringBuffer::StringBuffer(StringBuffer const& other) : StringBuffer(other.page_size_) { append(other); }
+
+StringBuffer::StringBuffer(StringBuffer const& other, unsigned int page_size) : StringBuffer(page_size) {
+    append(other);
+}
+
+StringBuffer::StringBuffer(StringBuffer&& other) noexcept : page_size_(other.page_size_) { splice(other); }
+
+StringBuffer::~StringBuffer() { free_pages_(); }
+
+StringBuffer& StringBuffer::operator=(StringBuffer const& other) {
+    if (this != &other) {
+        clear();
+        append(other);
+    }
+    return *this;
+}
+
+StringBuffer& StringBuffer::operator=(StringBuffer&& other) noexcept {
+    if (this != &other) splice(other);
+    return *this;
+}
+
+StringBuffer& StringBuffer::operator=(char const* text) {
+    clear();
+    append(text);
+    return *this;
+}
+
+// --- appending ----------------------------------------------------------------------------------------
+
+unsigned int StringBuffer::append(char c) {
+    if (!last_ || last_->used == page_size_) add_page_();
+    last_->data()[last_->used++] = c;
+    ++size_;
+    return 1;
+}
+
+unsigned int StringBuffer::append(char const* data, unsigned int n) {
+    if (!data) return 0;
+    unsigned int done = 0;
+    while (done < n) {
+        if (!last_ || last_->used == page_size_) add_page_();
+        unsigned int room = page_size_ - last_->used;
+        unsigned int k = n - done < room ? n - done : room;
+        std::memcpy(last_->data() + last_->used, data + done, k);
+        last_->used += k;
+        size_ += k;
+        done += k;
+    }
+    return n;
+}
+
+unsigned int StringBuffer::append(char const* text) {
+    return text ? append(text, static_cast<unsigned int>(std::strlen(text))) : 0;
+}
+
+unsigned int StringBuffer::append(StringBuffer const& other) {
+    if (&other == this) {
+        StringBuffer copy(other);
+        return append(copy);
+    }
+    for (Page const* p = other.first_; p; p = p->next) append(p->data(), p->used);
+    return other.size_;
+}
+
+char* StringBuffer::append() {
+    if (last_ && last_->used == 0) return last_->data();
+    return add_page_()->data();
+}
+
+unsigned int StringBuffer::add_size(unsigned int n) {
+    if (!last_ || n > page_size_ - last_->used) {
+        TVK_LOG(LEVEL_ERR, "WRONG ADD SIZE %0 [%1/%2]") << n << (last_ ? last_->used : 0u) << page_size_;
+        return size_;
+    }
+    size_ += n - last_->used;
+    last_->used = n;
+    return size_;
+}
+
+void StringBuffer::clear() { free_pages_(); }
+
+void StringBuffer::splice(StringBuffer& other) {
+    if (&other == this) return;
+    free_pages_();
+    page_size_ = other.page_size_;
+    size_ = other.size_;
+    first_ = other.first_;
+    last_ = other.last_;
+    for (Page* p = first_; p; p = p->next) p->owner = this;
+    other.first_ = other.last_ = nullptr;
+    other.size_ = 0;
+}
+
+// --- comparison ---------------------------------------------------------------------------------------
+
+namespace {
+
+// Walks two byte sequences together; the result follows the buffer comparison rule (reversed sense).
+template <class A, class B>
+int reversed_compare(A a, A a_end, B b, B b_end) {
+    while (a != a_end && b != b_end && *a == *b) {
+        ++a;
+        ++b;
+    }
+    if (a != a_end && b != b_end)
+        return static_cast<int>(static_cast<unsigned char>(*b)) - static_cast<int>(static_cast<unsigned char>(*a));
+    if (a != a_end) return -1;
+    if (b != b_end) return 1;
+    return 0;
+}
+
+}  // namespace
+
+int StringBuffer::compare(StringBuffer const& other) const {
+    return reversed_compare(begin(), end(), other.begin(), other.end());
+}
+
+int StringBuffer::compare(char const* other) const {
+    char const* o = other ? other : "";
+    return reversed_compare(begin(), end(), o, o + std::strlen(o));
+}
+
+// --- text export ------------------------------------------------------------------------------------
+
+char* StringBuffer::c_str(char* dest, unsigned int max) const {
+    if (!dest) return dest;
+    unsigned int at = 0;
+    for (Page const* p = first_; p && at < max; p = p->next) {
+        unsigned int k = p->used < max - at ? p->used : max - at;
+        std::memcpy(dest + at, p->data(), k);
+        at += k;
+    }
+    dest[at] = '\0';
+    return dest;
+}
+
+char const* StringBuffer::c_str(AString& out) const {
+    AString text;
+    text.reserve(size_ + 1);
+    for (Page const* p = first_; p; p = p->next) text.append(p->data(), p->used);
+    out.splice(text);
+    return out.c_str();
+}
+
+// --- streams --------------------------------------------------------------------------------------------
+
+long StringBuffer::write(OBStream& out) const {
+    for (Page const* p = first_; p; p = p->next) out.put(p->data(), p->used);
+    return size_;
+}
+
+long StringBuffer::write(OBStream& out, char const* quote) const {
+    if (!quote || !*quote) return write(out);
+    long written = 0;
+    for (char c : *this) {
+        if (c == quote[0]) {
+            out.put('\\');
+            ++written;
+        }
+        out.put(c);
+        ++written;
+    }
+    return written;
+}
+
+long StringBuffer::read(IBStream& in) {
+    long count = 0;
+    char chunk[512];
+    for (int n; (n = in.get(chunk, sizeof chunk)) > 0;) {
+        append(chunk, static_cast<unsigned int>(n));
+        count += n;
+    }
+    return count;
+}
+
+long StringBuffer::read(IBStream& in, char const* quote) {
+    if (!quote || !*quote) return read(in);
+    int q = static_cast<unsigned char>(quote[0]);
+    int c;
+    while ((c = in.peek()) >= 0 && c != q) in.get();
+    if (c == q) in.get();
+    long count = 0;
+    while ((c = in.peek()) >= 0 && c != q) {
+        in.get();
+        if (c == '\\') {
+            c = in.get();
+            if (c < 0) break;
+        }
+        append(static_cast<char>(c));
+        ++count;
+    }
+    return count;
+}
+
+long StringBuffer::write_xml(OBStream& out) const {
+    long processed = 0;
+    for (char c : *this) {
+        ++processed;
+        switch (c) {
+            case '&': out.put("&amp;"); break;
+            case '<': out.put("&lt;"); break;
+            case '>': out.put("&gt;"); break;
+            default:
+                if (static_cast<unsigned char>(c) < 32 && !std::isspace(static_cast<unsigned char>(c))) break;
+                out.put(c);
+        }
+    }
+    return processed;
+}
+
+long StringBuffer::read_xml(IBStream& in) { return read(in); }
+
+// --- files ----------------------------------------------------------------------------------------------
+
+long StringBuffer::write(Path const& path, bool only_if_changed) const {
+    if (only_if_changed) {
+        StringBuffer current(128);
+        if (current.read(path) >= 0 && current.compare(*this) == 0) return 2;
+    }
+    OBStream out(path, false, true);
+    if (!out.is_open()) return kCannotOpenFile;
+    return write(out);
+}
+
+long StringBuffer::read(Path const& path) {
+    IBStream in(path, true);
+    if (!in.is_open()) return kCannotOpenFile;
+    return read(in);
+}
+
+}  // namespace tarvik

@@ -1,0 +1,75 @@
+#include "TestSupport.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "tarvik/IOBStream.h"
+
+namespace tarvik::test {
+
+TempDir::TempDir() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "tarvik-test-XXXXXX").string();
+    char* made = ::mkdtemp(pattern.data());
+    path_ = made ? made : pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
+
+std::string TempDir::file(char const* name) const { return path_ + "/" + name; }
+
+StdoutCapture::StdoutCapture() {
+    bcout().flush();
+    std::fflush(stdout);
+    char pattern[] = "/tmp/tarvik-stdout-XXXXXX";
+    int fd = ::mkstemp(pattern);
+    file_ = pattern;
+    saved_fd_ = ::dup(1);
+    ::dup2(fd, 1);
+    ::close(fd);
+}
+
+StdoutCapture::~StdoutCapture() { text(); }
+
+std::string const& StdoutCapture::text() {
+    if (done_) return text_;
+    done_ = true;
+    bcout().flush();
+    std::fflush(stdout);
+    ::dup2(saved_fd_, 1);
+    ::close(saved_fd_);
+    text_ = read_file(file_);
+    ::unlink(file_.c_str());
+    return text_;
+}
+
+int StdoutCapture::lines_with(std::string const& needle) {
+    std::istringstream lines(text());
+    int n = 0;
+    for (std::string line; std::getline(lines, line);)
+        if (line.find(needle) != std::string::npos) ++n;
+    return n;
+}
+
+std::string read_file(std::string const& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream all;
+    all << in.rdbuf();
+    return all.str();
+}
+
+bool write_file(std::string const& path, std::string const& content) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << content;
+    return static_cast<bool>(out);
+}
+
+}  // namespace tarvik::test

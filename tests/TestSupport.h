@@ -1,0 +1,48 @@
+// TestSupport.h: what the tests share: scratch directories and the capture of printed log records.
+#pragma once
+
+#include <string>
+
+namespace tarvik::test {
+
+// A fresh directory under the system's temporary directory, removed with everything in it at the end.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(TempDir const&) = delete;
+    TempDir& operator=(TempDir const&) = delete;
+    std::string const& path() const { return path_; }
+    // path() + "/" + name
+    std::string file(char const* name) const;
+
+private:
+    std::string path_;
+};
+
+// Captures what the process writes to standard output (where log records are printed) between
+// construction and text(). Records are flushed line by line, so text() sees every finished record.
+class StdoutCapture {
+public:
+    StdoutCapture();
+    ~StdoutCapture();
+    StdoutCapture(StdoutCapture const&) = delete;
+    StdoutCapture& operator=(StdoutCapture const&) = delete;
+    // Stops capturing (once) and returns everything written meanwhile.
+    std::string const& text();
+    // How many captured lines contain `needle`.
+    int lines_with(std::string const& needle);
+
+private:
+    int saved_fd_ = -1;
+    std::string file_;
+    std::string text_;
+    bool done_ = false;
+};
+
+// The whole content of a file ("" when it cannot be read).
+std::string read_file(std::string const& path);
+// Writes a file's whole content; false on failure.
+bool write_file(std::string const& path, std::string const& content);
+
+}  // namespace tarvik::test
