@@ -169,7 +169,7 @@ AString& AString::assign(char const* text) { return assign(text, text_length(tex
 
 AString& AString::assign(unsigned int count, char c) {
     auto e = edit(*this);
-    if (count == 0) {
+    if (count == 0 || count > max_size()) {  // a count that cannot be held leaves the string empty
         e.clear();
         return *this;
     }
@@ -474,10 +474,14 @@ AString& AString::Format(char const* format, ...) {
         clear();
         return *this;
     }
-    edit(*this).grow_nocopy(static_cast<unsigned int>(n));
-    std::vsnprintf(raw_->chars(), static_cast<size_t>(n) + 1, format, again);
+    // Formatted into a block of its own: an argument may be this string's own text (s.Format("%s!", s.c_str())),
+    // which must stay readable until the formatting is done.
+    AString result;
+    edit(result).grow_nocopy(static_cast<unsigned int>(n));
+    std::vsnprintf(result.raw_->chars(), static_cast<size_t>(n) + 1, format, again);
     va_end(again);
-    edit(*this).set_length(static_cast<unsigned int>(n));
+    edit(result).set_length(static_cast<unsigned int>(n));
+    splice(result);
     return *this;
 }
 

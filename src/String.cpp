@@ -41,7 +41,7 @@ void StringAllocator::reallocate(RawString*& raw, unsigned int n) {
     RawString* fresh = allocate(n);
     std::memcpy(fresh->chars(), raw->chars(), (raw->length + 1) * sizeof(WChar));
     fresh->length = raw->length;
-    release(raw);
+    if (raw->capacity != 0) release(raw);  // release() is never handed the shared empty block
     raw = fresh;
 }
 
@@ -52,13 +52,13 @@ void StringAllocator::release(RawString* raw) {
 void StringAllocator::assign(RawString*& dest, RawString const* src) {
     if (dest == src) return;
     if (src->length == 0) {
-        release(dest);
+        if (dest->capacity != 0) release(dest);
         dest = String::nil_block();
         return;
     }
     if (src->length > dest->capacity) {
         RawString* fresh = allocate(src->length);
-        release(dest);
+        if (dest->capacity != 0) release(dest);
         dest = fresh;
     }
     std::memcpy(dest->chars(), src->chars(), (src->length + 1) * sizeof(WChar));
@@ -498,7 +498,7 @@ void EncodeToUTF8(WChar const* text, AString& out) { encode_units(text ? text : 
 #endif
 
 void DecodeFromUTF8(AString const& utf8, String& out) {
-    String result;
+    String result(out.get_allocator());  // out keeps its own allocator
     result.reserve(utf8.length());
     auto const* s = reinterpret_cast<unsigned char const*>(utf8.c_str());
     unsigned int n = utf8.length();

@@ -2,4 +2,297 @@
 
 #include <gtest/gtest.h>
 
-TEST(AString, Builds) { tarvik::AString s("x"); EXPECT_EQ(s.length(), 1u); }
+#include <string>
+#include <vector>
+
+#include "TestSupport.h"
+#include "tarvik/IOBStream.h"
+
+using tarvik::AString;
+using tarvik::npos;
+
+namespace {
+
+// The exact bytes of a string, embedded NULs included.
+std::string bytes(AString const& s) { return std::string(s.c_str(), s.length()); }
+
+AString from(std::string const& b) { return AString(b.data(), static_cast<unsigned int>(b.size())); }
+
+}  // namespace
+
+TEST(AString, CapacityIsTheLengthRoundedUpStrictlyToSixteen) {
+    AString s;
+    EXPECT_EQ(s.capacity(), 0u);
+    EXPECT_EQ(AString(1, 'x').capacity(), 16u);
+    EXPECT_EQ(AString(15, 'x').capacity(), 16u);
+    EXPECT_EQ(AString(16, 'x').capacity(), 32u);
+    EXPECT_EQ(AString(100, 'x').capacity(), 112u);
+    s.reserve(16);
+    EXPECT_EQ(s.capacity(), 32u);
+    AString t;
+    t.set_buffer(0);  // a request for no character still gets a block of 16
+    EXPECT_EQ(t.capacity(), 16u);
+}
+
+TEST(AString, AppendingOneByOneReallocatesAtLengthsOneSeventeenAndThirtyThree) {
+    AString s;
+    char const* previous = s.c_str();
+    std::vector<unsigned int> grew_at, capacities;
+    for (unsigned int n = 1; n <= 47; ++n) {
+        s += 'x';
+        if (s.c_str() != previous) {
+            grew_at.push_back(n);
+            capacities.push_back(s.capacity());
+            previous = s.c_str();
+        }
+    }
+    EXPECT_EQ(grew_at, (std::vector<unsigned int>{1, 17, 33}));
+    EXPECT_EQ(capacities, (std::vector<unsigned int>{16, 32, 48}));
+}
+
+TEST(AString, ShrinkingKeepsTheBlockAndAnEmptySourceReturnsToNil) {
+    AString s(100, 'x');
+    char const* block = s.c_str();
+    s.erase(10);
+    EXPECT_EQ(s.c_str(), block);
+    EXPECT_EQ(s.capacity(), 112u);
+    AString copy(s);
+    EXPECT_NE(copy.c_str(), block);  // no sharing
+    s = AString();
+    EXPECT_EQ(s.c_str(), AString::nil_data());
+    copy.resize(0);
+    EXPECT_EQ(copy.capacity(), 0u);
+    EXPECT_TRUE(AString(npos, 'x').is_empty());
+}
+
+TEST(AString, SetBufferKeepsContentAndSizeIgnoresLengthsBeyondCapacity) {
+    AString s("ab");
+    char* p = s.set_buffer(20);
+    EXPECT_EQ(s.capacity(), 32u);
+    p[2] = 'c';
+    s.size(3);
+    s.size(33);
+    EXPECT_EQ(bytes(s), "abc");
+}
+
+TEST(AString, CompareReturnsLengthDifferenceWhenOneIsAPrefix) {
+    EXPECT_EQ(AString("abc").compare("abcde"), -2);
+    EXPECT_EQ(AString("abcde").compare(AString("abc")), 2);
+    EXPECT_EQ(AString("b").compare("a"), 1);
+    EXPECT_EQ(AString("abd").compare("abcde"), 1);  // the first difference decides, not the length
+    EXPECT_EQ(AString("xxabc").compare(2, npos, "ab"), 1);
+    EXPECT_EQ(AString("xxabc").compare(9, 2, ""), 0);
+}
+
+TEST(AString, CompareTreatsBytesAsSignedAndIcompareFoldsCase) {
+    EXPECT_EQ(AString("\xC8").compare("A"), -1);
+    EXPECT_TRUE(AString("\xC8") < AString("A"));
+    EXPECT_TRUE(AString::lt('\xC8', 'A'));
+    EXPECT_TRUE(AString::ilt('a', 'B'));
+    EXPECT_EQ(AString("Hello").icompare("hELLO"), 0);
+    EXPECT_EQ(AString("abc").icompare("ABD"), -1);
+    EXPECT_EQ(AString("ABCD").CompareNoCase("ab"), 2);
+    EXPECT_FALSE(from(std::string("a\0b", 3)) == AString("a"));
+}
+
+TEST(AString, SearchesFindPositionsAndNposFromAtOrBeyondTheEnd) {
+    AString s("abcabc");
+    EXPECT_EQ(s.find("bc"), 1u);
+    EXPECT_EQ(s.find(AString("bc"), 2), 4u);
+    EXPECT_EQ(s.find("bcd"), npos);
+    EXPECT_EQ(s.rfind("bc"), 4u);
+    EXPECT_EQ(s.rfind("bc", 3), 1u);
+    EXPECT_EQ(s.rfind('a'), 3u);
+    EXPECT_EQ(s.rfind('a', 2), 0u);
+    EXPECT_EQ(s.find_first_of("cb", 3), 4u);
+    EXPECT_EQ(s.find_first_not_of("ab"), 2u);
+    EXPECT_EQ(s.find_first_not_of("abc"), npos);
+    EXPECT_EQ(s.find_last_of("ab", 2), 1u);
+    EXPECT_EQ(s.find_last_not_of('c'), 4u);
+    EXPECT_EQ(s.find_last_not_of("c", 2), 1u);
+    for (unsigned int start : {6u, 10u}) {
+        EXPECT_EQ(s.find('a', start), npos);
+        EXPECT_EQ(s.rfind("a", start), npos);
+        EXPECT_EQ(s.find_first_not_of("x", start), npos);
+        EXPECT_EQ(s.find_last_of("abc", start), npos);
+    }
+    EXPECT_EQ(AString().rfind('a'), npos);
+}
+
+TEST(AString, PositionsAndCountsBeyondTheEndAreClamped) {
+    AString s("hello");
+    EXPECT_EQ(bytes(s.substr(1, 100)), "ello");
+    EXPECT_TRUE(s.substr(6, 2).is_empty());
+    EXPECT_EQ(bytes(AString(s).erase(10)), "hello");
+    EXPECT_EQ(bytes(AString(s).erase(1, 100)), "h");
+    EXPECT_EQ(AString(s).Delete(0), 4u);
+    EXPECT_EQ(bytes(AString(s).replace(1, 100, "XY")), "hXY");
+    EXPECT_EQ(bytes(AString(s).replace(9, 1, "X")), "hello");
+    EXPECT_EQ(bytes(AString(s).replace(1, 3, 2u, '-')), "h--o");
+    EXPECT_EQ(bytes(AString(s).insert(5, "!")), "hello!");
+    EXPECT_EQ(bytes(AString(s).insert(6, "!")), "hello");
+    EXPECT_EQ(bytes(AString("x").append(s, 3, npos)), "xlo");
+    char buf[8] = "-------";
+    EXPECT_EQ(s.copy(buf, 10, 3), 2u);
+    EXPECT_EQ(std::string(buf), "lo-----");
+    EXPECT_EQ(s.copy(buf, 2, 7), 0u);
+}
+
+TEST(AString, EditsTakingTheirOwnTextAreSafe) {
+    AString s("0123456789");
+    s.append(s);  // grows past the capacity while reading itself
+    EXPECT_EQ(bytes(s), "01234567890123456789");
+    s = "abc";
+    s.insert(1, s);
+    EXPECT_EQ(bytes(s), "aabcbc");
+    s = "0123456789";
+    s.replace(0, 2, s, 5, 5);
+    EXPECT_EQ(bytes(s), "5678923456789");
+    s.assign(s, 2, 3);
+    EXPECT_EQ(bytes(s), "789");
+    s.append(s.c_str() + 1);
+    EXPECT_EQ(bytes(s), "78989");
+}
+
+TEST(AString, ReplaceAllCountsHitsIgnoresCaseOnRequestAndNeverRescans) {
+    AString s("aXa xa");
+    EXPECT_EQ(s.Replace("xa", "y", true), 1);
+    EXPECT_EQ(bytes(s), "aXa y");
+    s = "aXa xa";
+    EXPECT_EQ(s.Replace("xa", "y", false), 2);
+    EXPECT_EQ(bytes(s), "ay y");
+    s = "aaa";
+    EXPECT_EQ(s.Replace("a", "aa"), 3);
+    EXPECT_EQ(bytes(s), "aaaaaa");
+    s = "abc";
+    EXPECT_EQ(s.Replace("", "x"), 0);
+    EXPECT_EQ(s.Replace("abcd", "x"), 0);
+    EXPECT_EQ(bytes(s), "abc");
+}
+
+TEST(AString, WriteXmlEscapesFiveCharactersAndDropsControlsButWhiteSpace) {
+    AString text = from(std::string("a<b>&'\"\a\t\n\r\v\f\x01\xE9z\0!", 18));
+    AString out;
+    {
+        tarvik::OBStream stream(out);
+        EXPECT_EQ(text.write_xml(stream), 0);
+        EXPECT_EQ(tarvik::write_xml(AString("&"), stream), 0);
+    }
+    EXPECT_EQ(bytes(out), "a&lt;b&gt;&amp;&apos;&quot;\t\n\r\v\f\xE9z!&amp;");
+}
+
+TEST(AString, WideTextConvertsToUtf8KeepingTheTerminatorInsideTheLength) {
+    AString ab(L"ab");
+    EXPECT_EQ(ab.length(), 3u);
+    EXPECT_EQ(bytes(ab), std::string("ab\0", 3));
+    EXPECT_NE(ab, AString("ab"));
+    EXPECT_EQ(bytes(AString(L"\u00e9\U0001F600")), std::string("\xC3\xA9\xF0\x9F\x98\x80\0", 7));
+    EXPECT_EQ(bytes(AString(u"a\U0001F600")), std::string("a\xF0\x9F\x98\x80\0", 6));
+    EXPECT_TRUE(AString(static_cast<wchar_t const*>(nullptr)).is_empty());
+}
+
+TEST(AString, UnconvertibleWideTextGivesEmptyStringAndAnErrRecord) {
+    wchar_t const lone[] = {L'a', static_cast<wchar_t>(0xD800), 0};
+    char16_t const unpaired[] = {u'a', 0xDC00, 0};
+    tarvik::test::StdoutCapture capture;
+    AString a(lone);
+    AString b(unpaired);
+    EXPECT_TRUE(a.is_empty());
+    EXPECT_TRUE(b.is_empty());
+    EXPECT_EQ(capture.lines_with("\tERR|TVK|ASTRING|"), 2) << capture.text();
+    EXPECT_EQ(capture.lines_with("|cannot convert String to AString: err=84"), 2) << capture.text();
+}
+
+TEST(AString, DecodeFromUtf8FoldsCodePointsIntoBytesByTheFixedRule) {
+    AString out("previous");
+    tarvik::DecodeFromUTF8(AString("A\xC3\xA9\xE2\x82\xAC"), out);
+    EXPECT_EQ(bytes(out), "A\xE9\xAC");
+    // U+20041 is 2 * 65535 + 67: two characters, 2 and 'C'.
+    tarvik::DecodeFromUTF8(AString("\xF0\xA0\x81\x81"), out);
+    EXPECT_EQ(bytes(out), "\x02" "C");
+    // U+200000 (five bytes) is 32 * 65535 + 32.
+    tarvik::DecodeFromUTF8(AString("\xF8\x88\x80\x80\x80"), out);
+    EXPECT_EQ(bytes(out), "  ");
+    tarvik::DecodeFromUTF8(AString("\x80x\xFF"), out);
+    EXPECT_EQ(bytes(out), "\x80x\xFF");
+    tarvik::DecodeFromUTF8(AString("ab\xE2\x82"), out);
+    EXPECT_EQ(bytes(out), "ab");
+}
+
+TEST(AString, DecodeFromUtf8TextRoundTripsThroughWideTextOrFailsWithARecord) {
+    AString out;
+    tarvik::DecodeFromUTF8("h\xC3\xA9", out);
+    EXPECT_EQ(bytes(out), std::string("h\xC3\xA9\0", 4));
+    tarvik::test::StdoutCapture capture;
+    tarvik::DecodeFromUTF8("bad\xFF", out);
+    EXPECT_TRUE(out.is_empty());
+    EXPECT_EQ(capture.lines_with("|cannot convert String to AString: err=84"), 1) << capture.text();
+}
+
+TEST(AString, MatchCapturesStarsLazilyExceptTheLast) {
+    AString a, b;
+    EXPECT_TRUE(AString("key=a,b,c").match("key=*,*", &a, &b));
+    EXPECT_EQ(bytes(a), "a");
+    EXPECT_EQ(bytes(b), "b,c");
+    EXPECT_TRUE(AString("aab").match("*ab", &a));
+    EXPECT_EQ(bytes(a), "a");
+    EXPECT_TRUE(AString("ab").match("**", &a, &b));
+    EXPECT_EQ(bytes(a), "");
+    EXPECT_EQ(bytes(b), "ab");
+    EXPECT_TRUE(AString("x=1").match("*=*", nullptr, &b));
+    EXPECT_EQ(bytes(b), "1");
+
+    AString out[9];
+    EXPECT_TRUE(AString("1-2-3-4-5-6-7-8-9-10").match("*-*-*-*-*-*-*-*-*-*", &out[0], &out[1], &out[2], &out[3],
+                                                      &out[4], &out[5], &out[6], &out[7], &out[8]));
+    EXPECT_EQ(bytes(out[0]), "1");
+    EXPECT_EQ(bytes(out[8]), "9");
+}
+
+TEST(AString, MatchElementsQuestionMarkSetsAndEscapes) {
+    EXPECT_TRUE(AString("abc").match("?b?"));
+    EXPECT_FALSE(AString("abc").match("ab"));
+    EXPECT_FALSE(AString("Abc").match("a*"));
+    EXPECT_TRUE(AString("bx").match("[a-c]x"));
+    EXPECT_FALSE(AString("dx").match("[a-c]x"));
+    EXPECT_TRUE(AString("-").match("[a-]"));
+    EXPECT_FALSE(AString("ax").match("[!a]x"));
+    EXPECT_TRUE(AString("bx").match("[^a]x"));
+    EXPECT_TRUE(AString("]").match("[]]"));
+    EXPECT_TRUE(AString("*a").match("\\*a"));
+    EXPECT_FALSE(AString("ba").match("\\*a"));
+    EXPECT_FALSE(AString("ab").match("a\\?"));
+    EXPECT_TRUE(AString("a\\").match("a\\"));
+}
+
+TEST(AString, FailedMatchLeavesOutputsUntouched) {
+    AString a("keep"), b("also");
+    EXPECT_FALSE(AString("key=a").match("key=*,*", &a, &b));
+    EXPECT_EQ(bytes(a), "keep");
+    EXPECT_EQ(bytes(b), "also");
+}
+
+TEST(AString, FormatReplacesContentAndMayReadItsOwnText) {
+    AString s("old");
+    EXPECT_EQ(&s.Format("%s=%04d", "x", 7), &s);
+    EXPECT_EQ(bytes(s), "x=0007");
+    s = "0123456789";
+    s.Format("[%s]%s", s.c_str(), s.c_str());
+    EXPECT_EQ(bytes(s), "[0123456789]0123456789");
+    s.Format("%s", "");
+    EXPECT_TRUE(s.is_empty());
+}
+
+TEST(AString, IndexOutOfRangeReadsNulAndWritesNowhere) {
+    AString s("abc");
+    AString const& cs = s;
+    EXPECT_EQ(cs[1], 'b');
+    EXPECT_EQ(cs[3], '\0');
+    EXPECT_EQ(cs[-1], '\0');
+    s[10] = 'x';
+    s[-2LL] = 'y';
+    s.put_at(3, 'z');
+    s.put_at(1, 'B');
+    EXPECT_EQ(bytes(s), "aBc");
+    EXPECT_EQ(bytes('<' + s + ">" + AString("!")), "<aBc>!");
+}

@@ -1,0 +1,162 @@
+#include "tarvik/String.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tarvik/AString.h"
+#include "tarvik/IOBStream.h"
+
+using tarvik::AString;
+using tarvik::npos;
+using tarvik::RawString;
+using tarvik::String;
+
+namespace {
+
+std::u16string units(String const& s) { return std::u16string(s.c_str(), s.length()); }
+std::string bytes(AString const& s) { return std::string(s.c_str(), s.length()); }
+
+// The default allocator with every block counted; release() must never see the shared empty block.
+class CountingAllocator : public tarvik::StringAllocator {
+public:
+    RawString* allocate(unsigned int n) override {
+        ++allocated;
+        return StringAllocator::allocate(n);
+    }
+    void release(RawString* raw) override {
+        if (raw->capacity == 0) ++nil_released;
+        else ++released;
+        StringAllocator::release(raw);
+    }
+    int allocated = 0;
+    int released = 0;
+    int nil_released = 0;
+};
+
+}  // namespace
+
+TEST(String, NarrowTextWidensEachByteToTheSameValue) {
+    EXPECT_EQ(units(String("\xE9")), std::u16string(1, char16_t{233}));
+    EXPECT_EQ(units(String("a\xFF\x80", 3)), (std::u16string{u'a', 0xFF, 0x80}));
+    String s(u"x");
+    s.assign("\xC3\xA9");  // two bytes, two units: no UTF-8 decoding
+    EXPECT_EQ(units(s), (std::u16string{0xC3, 0xA9}));
+}
+
+TEST(String, AppendingOneByOneReallocatesAtLengthsOneSeventeenAndThirtyThree) {
+    String s;
+    EXPECT_EQ(s.capacity(), 0u);
+    tarvik::WChar const* previous = s.c_str();
+    std::vector<unsigned int> grew_at, capacities;
+    for (unsigned int n = 1; n <= 47; ++n) {
+        s += u'x';
+        if (s.c_str() != previous) {
+            grew_at.push_back(n);
+            capacities.push_back(s.capacity());
+            previous = s.c_str();
+        }
+    }
+    EXPECT_EQ(grew_at, (std::vector<unsigned int>{1, 17, 33}));
+    EXPECT_EQ(capacities, (std::vector<unsigned int>{16, 32, 48}));
+}
+
+TEST(String, StringsWithoutAnAllocatorShareTheDefaultOne) {
+    String a;
+    String b("x");
+    EXPECT_EQ(a.get_allocator(), String::default_allocator());
+    EXPECT_EQ(b.get_allocator(), a.get_allocator());
+    EXPECT_NE(dynamic_cast<tarvik::StringAllocator*>(a.get_allocator()), nullptr);
+}
+
+TEST(String, AGivenAllocatorServesEveryBlockAndCopiesKeepIt) {
+    CountingAllocator counting;
+    {
+        String s(&counting);
+        s = u"hello";
+        s += u" world";
+        s.append(40u, u'.');
+        String copy(s);
+        String part = s.substr(1, 3);
+        String sum = s + copy;
+        EXPECT_EQ(copy.get_allocator(), &counting);
+        EXPECT_EQ(part.get_allocator(), &counting);
+        EXPECT_EQ(sum.get_allocator(), &counting);
+        EXPECT_EQ(s.Replace(u"o", u"0"), 2);
+        EXPECT_EQ(s.get_allocator(), &counting);
+        tarvik::DecodeFromUTF8(AString("\xC3\xA9"), s);
+        EXPECT_EQ(units(s), std::u16string(1, char16_t{0xE9}));
+        EXPECT_EQ(s.get_allocator(), &counting);
+        String plain;
+        plain = s;  // assignment copies the text into the destination's own allocator
+        EXPECT_EQ(plain.get_allocator(), String::default_allocator());
+        s = String();
+        EXPECT_TRUE(s.is_empty());
+    }
+    EXPECT_GT(counting.allocated, 5);
+    EXPECT_EQ(counting.released, counting.allocated);
+    EXPECT_EQ(counting.nil_released, 0);
+}
+
+TEST(String, EncodeToUtf8WritesEachUnitOnItsOwn) {
+    AString out("previous");
+    tarvik::EncodeToUTF8(String(u"A\u00e9\u20ac"), out);
+    EXPECT_EQ(bytes(out), "A\xC3\xA9\xE2\x82\xAC");
+    tarvik::EncodeToUTF8(u"\u007f\u0080\u07ff\u0800\uffff", out);
+    EXPECT_EQ(bytes(out), "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF");
+    // U+1F600 arrives as UTF-32 and becomes the pair D83D DE00, each unit encoded as three bytes.
+    tarvik::EncodeToUTF8(L"\U0001F600", out);
+    EXPECT_EQ(bytes(out), "\xED\xA0\xBD\xED\xB8\x80");
+}
+
+TEST(String, DecodeFromUtf8MakesSurrogatePairsAboveTheBasicPlane) {
+    String out(u"previous");
+    tarvik::DecodeFromUTF8(AString("A\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"), out);
+    EXPECT_EQ(units(out), (std::u16string{u'A', 0xE9, 0x20AC, 0xD83D, 0xDE00}));
+    tarvik::DecodeFromUTF8(AString("\x80z\xF7\xBF\xBF\xBF"), out);  // stray byte; beyond U+10FFFF
+    EXPECT_EQ(units(out), (std::u16string{0x80, u'z', 0xFFFD}));
+    tarvik::DecodeFromUTF8(AString("ok\xF0\x9F\x98"), out);  // cut short
+    EXPECT_EQ(units(out), u"ok");
+}
+
+TEST(String, Utf32WideTextBecomesSixteenBitUnits) {
+    EXPECT_EQ(units(String(L"a\U0001F600b")), (std::u16string{u'a', 0xD83D, 0xDE00, u'b'}));
+    wchar_t const bad[] = {static_cast<wchar_t>(0xDC00), static_cast<wchar_t>(0x110000), 0};
+    EXPECT_EQ(units(String(bad)), (std::u16string{0xFFFD, 0xFFFD}));
+}
+
+TEST(String, WriteXmlEscapesAndWritesUtf8) {
+    String text(u"<\u00e9>&'\"\u0007\t\u20ac");
+    AString out;
+    {
+        tarvik::OBStream stream(out);
+        EXPECT_EQ(text.write_xml(stream), 0);
+    }
+    EXPECT_EQ(bytes(out), "&lt;\xC3\xA9&gt;&amp;&apos;&quot;\t\xE2\x82\xAC");
+}
+
+TEST(String, CompareAndSearchFollowTheSharedRules) {
+    EXPECT_EQ(String(u"abc").compare(u"abcde"), -2);
+    EXPECT_EQ(String(u"\u00e9").compare(u"A"), 1);  // 16-bit units compare unsigned
+    EXPECT_EQ(String(u"ABC").icompare(u"abc"), 0);
+    String s(u"abcabc");
+    EXPECT_EQ(s.find(u"bc", 2), 4u);
+    EXPECT_EQ(s.find(u'a', 6), npos);
+    EXPECT_EQ(s.rfind(u'c', 6), npos);
+    EXPECT_EQ(s.find_last_not_of(u"bc"), 3u);
+}
+
+TEST(String, RangesAreClampedAndSelfEditsAreSafe) {
+    String s(u"hello");
+    EXPECT_EQ(units(s.substr(1, 100)), u"ello");
+    EXPECT_EQ(units(String(s).erase(10)), u"hello");
+    EXPECT_EQ(units(String(s).replace(3, 100, u"p!")), u"help!");
+    EXPECT_EQ(s[5], 0);
+    s.insert(1, s);
+    EXPECT_EQ(units(s), u"hhelloello");
+    s.append(s);
+    EXPECT_EQ(units(s), u"hhelloellohhelloello");
+    EXPECT_EQ(s.Replace(u"HELLO", u"-", false), 2);
+    EXPECT_EQ(units(s), u"h-elloh-ello");
+}
