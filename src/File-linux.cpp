@@ -21,7 +21,16 @@ Handle open_read(char const* path) {
     do {
         fd = ::open(path, O_RDONLY | O_CLOEXEC);
     } while (fd < 0 && errno == EINTR);
-    return fd < 0 ? kInvalidHandle : fd;
+    if (fd < 0) return kInvalidHandle;
+    // POSIX lets a directory be opened for reading; it is not a file whose bytes can be read, so it is
+    // refused here as on Windows, and the caller reports that it cannot open it.
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && S_ISDIR(st.st_mode)) {
+        ::close(fd);
+        errno = EISDIR;
+        return kInvalidHandle;
+    }
+    return fd;
 }
 
 Handle create_write(char const* path, bool append) {

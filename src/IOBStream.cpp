@@ -609,20 +609,28 @@ void OBStreamFormat::clear() const { args_.clear(); }
 
 namespace {
 
-// A printf spec from "%[...]" is taken only when it holds flags, width and precision; anything else (a
-// length modifier, '*', a conversion) is ignored so that a format text cannot reach beyond its argument.
+// A printf spec from "%[...]" is taken only when it holds flags, then a width and a precision of at most
+// three digits each; anything else (a length modifier, '*', a conversion, a huge width) is ignored, so that
+// a format text can neither reach beyond its argument nor make one placeholder print megabytes.
 bool spec_is_safe(AString const& spec) {
-    for (unsigned int i = 0; i < spec.length(); ++i) {
-        char c = spec[i];
-        if (!std::isdigit(static_cast<unsigned char>(c)) && !std::strchr("-+ #0.", c)) return false;
+    char const* p = spec.c_str();
+    while (*p && std::strchr("-+ #0", *p)) ++p;
+    for (int part = 0; part < 2; ++part) {
+        int digits = 0;
+        while (std::isdigit(static_cast<unsigned char>(*p))) {
+            ++p;
+            ++digits;
+        }
+        if (digits > 3) return false;
+        if (part == 0 && *p == '.') ++p;
     }
-    return spec.length() < 16;
+    return *p == '\0';
 }
 
 void render_arg(AString& out, OBStreamFormatArg const& arg, AString const& spec) {
     AString format("%");
     if (spec_is_safe(spec)) format += spec;
-    char text[128];
+    char text[1024];  // room for the widest spec allowed (three digits)
     int n = -1;
     switch (arg.type) {
         case OBStreamFormatArg::T_BOOL: out += arg.number ? "true" : "false"; return;

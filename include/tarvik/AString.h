@@ -73,7 +73,15 @@ public:
     AString& append(unsigned int count, char c);
     AString& operator+=(AString const& other) { return append(other); }
     AString& operator+=(char const* text) { return append(text); }
-    AString& operator+=(char c) { return append(1, c); }
+    AString& operator+=(char c) {
+        if (raw_->length < raw_->capacity) {  // fits: no call, no growth decision to make
+            char* chars = raw_->chars();
+            chars[raw_->length++] = c;
+            chars[raw_->length] = '\0';
+            return *this;
+        }
+        return append(1, c);
+    }
 
     AString& insert(unsigned int pos, AString const& other);
     AString& insert(unsigned int pos, AString const& other, unsigned int opos, unsigned int count);

@@ -22,6 +22,7 @@
 // Thread safety: a buffer is used by one thread at a time.
 #pragma once
 
+#include <concepts>
 #include <iterator>
 #include <type_traits>
 
@@ -81,6 +82,10 @@ public:
     using ConstIterator = BasicIterator<true>;
 
     explicit StringBuffer(unsigned int page_size = 128);
+    // Any integer is a page size: without this, StringBuffer(0) would be ambiguous between a page size
+    // and a null text.
+    template <std::integral I>
+    explicit StringBuffer(I page_size) : StringBuffer(static_cast<unsigned int>(page_size)) {}
     explicit StringBuffer(char const* text, unsigned int page_size = 128);
     StringBuffer(StringBuffer const& other);
     StringBuffer(StringBuffer const& other, unsigned int page_size);
