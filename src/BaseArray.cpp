@@ -12,7 +12,8 @@ namespace tarvik {
 
 void BaseArray::grow_(unsigned int need, ElementOps const& ops, bool exact) {
     if (need <= capacity_) return;
-    unsigned long long capacity = exact ? need : (capacity_ ? capacity_ : 1);
+    // Doubling starts at 2: an empty array's first push_back makes room for two elements.
+    unsigned long long capacity = exact ? need : (capacity_ ? capacity_ : 2);
     while (capacity < need) capacity *= 2;
     if (capacity > 0xFFFFFFFFull) capacity = 0xFFFFFFFFull;
     void* fresh = memory::allocate(static_cast<std::size_t>(capacity) * ops.size);

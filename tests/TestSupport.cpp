@@ -59,6 +59,17 @@ int StdoutCapture::lines_with(std::string const& needle) {
     return n;
 }
 
+int StdoutCapture::records_with(std::string const& needle) {
+    std::string const continuation = "\n" + std::string(16, ' ');
+    std::string joined = text();
+    for (std::size_t at; (at = joined.find(continuation)) != std::string::npos;) joined.erase(at, continuation.size());
+    std::istringstream lines(joined);
+    int n = 0;
+    for (std::string line; std::getline(lines, line);)
+        if (line.find(needle) != std::string::npos) ++n;
+    return n;
+}
+
 std::string read_file(std::string const& path) {
     std::ifstream in(path, std::ios::binary);
     std::ostringstream all;

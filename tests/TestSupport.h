@@ -32,6 +32,9 @@ public:
     std::string const& text();
     // How many captured lines contain `needle`.
     int lines_with(std::string const& needle);
+    // How many captured log records contain `needle`. A record that wrapped (a line feed and the
+    // continuation indent of 16 spaces) is rejoined first, so long records match as one text.
+    int records_with(std::string const& needle);
 
 private:
     int saved_fd_ = -1;

@@ -10,13 +10,13 @@
 // destructor turns what was collected into a record and delivers it. Until log hooks are installed the
 // record is printed on standard output as one line:
 //
-//     14:25:01.123<TAB>ERR|TVK|BLOB|118|1a2b|| CANNOT OPEN(R) FILE 'x' [#2.No such file or directory]
+//     14:25:01.123<TAB>ERR|TVK|BLOB|118|1a2b||CANNOT OPEN(R) FILE 'x' [#2.No such file or directory]
 //
 // that is: the time of day (UTC) with milliseconds and a tab, the level name, module, unit, line, thread
 // id (hexadecimal), context (empty) and the message with its placeholders filled, each after a "|". A
 // line feed inside the message continues on the next line, indented to the column after the time, and a
-// message wider than 132 columns wraps the same way; a carriage return prints as "\r" and a backslash as
-// "\\".
+// line that reaches column 130 (the line width of 132 less 2) wraps the same way; a carriage return prints
+// as "\r" and a backslash as "\\".
 //
 // The key, module and unit are not copied: they must outlive the Log (in practice they are literals or
 // symbol names). A null module or unit and a zero line are simply left out of the record.
@@ -32,8 +32,9 @@
 
 namespace tarvik {
 
-// Levels; their numbers are part of the record format.
-enum LOG_LEVEL {
+// Levels; their numbers are part of the record format. The underlying type is int so that a record can
+// carry any number (one outside 0..6 prints as "???").
+enum LOG_LEVEL : int {
     LEVEL_OK = 0,
     LEVEL_FATAL = 1,
     LEVEL_ERR = 2,
