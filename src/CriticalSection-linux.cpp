@@ -6,6 +6,10 @@
 #include <cstdlib>
 #include <new>
 
+#include "LogUnit.h"
+
+TARVIK_LOG_UNIT()
+
 namespace tarvik::critical_section_impl {
 
 static_assert(sizeof(pthread_mutex_t) <= kStorageSize, "pthread_mutex_t does not fit the storage");

@@ -1,6 +1,9 @@
 #include "tarvik/CriticalSection.h"
 
 #include "CriticalSectionImpl.h"
+#include "LogUnit.h"
+
+TARVIK_LOG_UNIT()
 
 namespace tarvik {
 

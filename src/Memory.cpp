@@ -3,6 +3,10 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "LogUnit.h"
+
+TARVIK_LOG_UNIT()
+
 namespace tarvik::memory {
 
 [[noreturn]] static void out_of_memory(std::size_t bytes) {

@@ -217,7 +217,13 @@ public:
 
     // Identity, and address order for sorted containers.
     friend bool operator==(TypedRef const& a, TypedRef const& b) { return a.ptr_ == b.ptr_; }
+    // Raw pointers compare exactly as they are given (T*, T const*, nullptr, either side), so that the
+    // built-in pointer comparison reached through operator T*() is never an equally good candidate.
+    friend bool operator==(TypedRef const& a, T* b) { return a.ptr_ == b; }
     friend bool operator==(TypedRef const& a, T const* b) { return a.ptr_ == b; }
+    friend bool operator==(TypedRef const& a, std::nullptr_t) { return a.ptr_ == nullptr; }
+    friend bool operator==(T* a, TypedRef const& b) { return b.ptr_ == a; }
+    friend bool operator==(T const* a, TypedRef const& b) { return b.ptr_ == a; }
     friend bool operator<(TypedRef const& a, TypedRef const& b) { return a.ptr_ < b.ptr_; }
 
 private:

@@ -1,0 +1,195 @@
+#include "tarvik/GlobVar.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <latch>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+using tarvik::AString;
+using tarvik::GlobVar;
+using tarvik::GlobVarBool;
+using tarvik::GlobVarInt;
+using tarvik::GlobVarLog;
+using tarvik::Symbol;
+using tarvik::SymbolList;
+
+namespace {
+
+std::vector<std::string> names(SymbolList const& list) {
+    std::vector<std::string> out;
+    for (Symbol const& s : list) out.emplace_back(s.c_str());
+    return out;
+}
+
+bool has_module(char const* module) {
+    SymbolList list;
+    GlobVar::get_modules(list);
+    std::vector<std::string> all = names(list);
+    return std::find(all.begin(), all.end(), module) != all.end();
+}
+
+// Puts the process-wide default log level back however the test ends.
+struct ProcessDefaultGuard {
+    int saved = GlobVarLog::get_default();
+    ~ProcessDefaultGuard() { GlobVarLog::set_default(saved); }
+};
+
+}  // namespace
+
+TEST(GlobVar, IntAndBoolOfTheSameNameAreDistinctVariables) {
+    Symbol m("T.GV.KINDS");
+    GlobVarInt i(m, "X", 5);
+    GlobVarBool b(m, "X", true);
+    EXPECT_EQ(i.get(), 5);
+    EXPECT_TRUE(b.get());
+    EXPECT_EQ(GlobVarInt::set(m, "X", 0), 5);
+    EXPECT_TRUE(GlobVarBool::get(m, "X"));
+    EXPECT_EQ(b.set(false), true);
+    EXPECT_EQ(i.get(), 0);
+    EXPECT_EQ(GlobVarLog::get(m, "X"), 0);
+    EXPECT_EQ(b.get_module(), m);
+}
+
+TEST(GlobVar, ObjectsOfOneVariableShareAnEntryUntilTheLastGoes) {
+    Symbol m("T.GV.SHARED");
+    auto five = std::make_unique<GlobVarInt>(m, "N", 5);
+    auto seven = std::make_unique<GlobVarInt>(m, "N", 7);
+    auto plain = std::make_unique<GlobVarInt>(m, "N");  // no value: keeps the one set before
+    auto other = std::make_unique<GlobVarBool>(m, "B");
+    EXPECT_EQ(five->get(), 7);
+    (*five)++;
+    EXPECT_EQ(plain->set(-3), 8);
+    (*seven)--;
+    EXPECT_EQ(GlobVarInt::get(m, "N"), -4);
+    EXPECT_EQ(GlobVarLog::set_default(m, 3), 0);
+
+    five.reset();
+    plain.reset();
+    EXPECT_EQ(GlobVarInt::get(m, "N"), -4);
+    seven.reset();
+    EXPECT_EQ(GlobVarInt::get(m, "N"), 0);
+    SymbolList list;
+    EXPECT_EQ(GlobVarInt::get_names(m, list), 0);
+    EXPECT_TRUE(has_module("T.GV.SHARED"));  // kept by the boolean
+    EXPECT_EQ(GlobVarLog::get_default(m), 3);
+
+    other.reset();
+    EXPECT_FALSE(has_module("T.GV.SHARED"));
+    // Made anew, the module and the variable start from 0.
+    GlobVarInt again(m, "N");
+    EXPECT_EQ(again.get(), 0);
+    EXPECT_EQ(GlobVarLog::get_default(m), 0);
+}
+
+TEST(GlobVar, StaticAccessToAnUndeclaredVariableCreatesNothing) {
+    Symbol m("T.GV.UNDECLARED");
+    EXPECT_EQ(GlobVarInt::set(m, "N", 3), 0);
+    EXPECT_EQ(GlobVarInt::get(m, "N"), 0);
+    EXPECT_FALSE(GlobVarBool::set(m, "B", true));
+    EXPECT_EQ(GlobVarLog::set(m, "L", 4), 0);
+    EXPECT_EQ(GlobVarLog::set_default(m, 3), 0);
+    EXPECT_EQ(GlobVarLog::get_default(m), 0);
+    EXPECT_FALSE(has_module("T.GV.UNDECLARED"));
+    // Declared as a boolean only: the integer of that name is still missing.
+    GlobVarBool b(m, "N");
+    EXPECT_EQ(GlobVarInt::set(m, "N", 3), 0);
+    EXPECT_FALSE(GlobVarBool::set(m, "N", true));
+    EXPECT_TRUE(GlobVarBool::set(m, "N", false));
+}
+
+TEST(GlobVar, ListsModulesAndNamesNewestFirst) {
+    GlobVarInt older(Symbol("T.GV.LIST1"), "A");
+    GlobVarInt a(Symbol("T.GV.LIST2"), "A");
+    GlobVarInt b(Symbol("T.GV.LIST2"), "B");
+    GlobVarBool c(Symbol("T.GV.LIST2"), "C");
+    GlobVarInt d(Symbol("T.GV.LIST2"), "D");
+    GlobVarLog e(Symbol("T.GV.LIST2"), "src/E.cpp");
+
+    SymbolList mods;
+    EXPECT_EQ(GlobVar::get_modules(mods), 0);
+    std::vector<std::string> listed = names(mods);
+    ASSERT_GE(listed.size(), 3u);
+    EXPECT_EQ(listed[0], "T.GV.LIST2");
+    EXPECT_EQ(listed[1], "T.GV.LIST1");
+    EXPECT_NE(std::find(listed.begin(), listed.end(), "TVK"), listed.end());
+
+    SymbolList ints;
+    ints.push_back(Symbol("kept"));  // appended to, not replaced
+    EXPECT_EQ(GlobVarInt::get_names(Symbol("T.GV.LIST2"), ints), 3);
+    EXPECT_EQ(names(ints), (std::vector<std::string>{"kept", "D", "B", "A"}));
+    SymbolList bools, logs;
+    EXPECT_EQ(GlobVarBool::get_names(Symbol("T.GV.LIST2"), bools), 1);
+    EXPECT_EQ(GlobVarLog::get_names(Symbol("T.GV.LIST2"), logs), 1);
+    EXPECT_EQ(names(logs), (std::vector<std::string>{"E"}));
+    EXPECT_EQ(GlobVarLog::get_names(Symbol("T.GV.NOWHERE"), logs), 0);
+}
+
+TEST(GlobVar, LogLevelIsTheLargestOfOwnModuleAndProcessLevels) {
+    ProcessDefaultGuard guard;
+    Symbol m("T.GV.LEVELS");
+    GlobVarLog v(m, "some/dir/Level-unit.cpp");
+    EXPECT_EQ(v.get_name(), Symbol("LEVEL-UNIT"));
+
+    GlobVarLog::set_default(1);
+    EXPECT_EQ(GlobVarLog::set_default(m, 2), 0);
+    EXPECT_EQ(static_cast<int>(v), 2);
+    EXPECT_EQ(GlobVarLog::get(m, "LEVEL-UNIT"), 0);  // the static form reads the own level
+    EXPECT_EQ(GlobVarLog::set_default(4), 1);
+    EXPECT_EQ(v.get(), 4);
+
+    EXPECT_EQ(v.set(6), 0);
+    v--;
+    EXPECT_EQ(v.get(), 5);
+    EXPECT_EQ(GlobVarLog::set(m, "LEVEL-UNIT", 0), 5);
+    EXPECT_EQ(GlobVarLog::set_default(m, 0), 2);
+    GlobVarLog::set_default(0);
+    EXPECT_EQ(v.get(), 0);
+
+    // A second object for the same file with a level sets the shared entry.
+    GlobVarLog same(m, "elsewhere/Level-unit.h", 3);
+    EXPECT_EQ(v.get(), 3);
+}
+
+TEST(GlobVar, LogVariablesAreNamedAfterTheSourceFileAndTheLibraryDeclaresItsOwn) {
+    SymbolList logs;
+    EXPECT_GT(GlobVarLog::get_names(Symbol("TVK"), logs), 5);
+    std::vector<std::string> listed = names(logs);
+    for (char const* unit : {"AUTOREF", "SYMBOL", "GLOBVAR", "SYSTEM", "CRITICALSECTION",
+                             "CRITICALSECTION-LINUX", "ASTRING", "BLOB"}) {
+        EXPECT_NE(std::find(listed.begin(), listed.end(), unit), listed.end()) << unit;
+    }
+    EXPECT_EQ(std::string(GlobVarLog::name_of_source("src/Blob-linux.cpp").c_str()), "BLOB-LINUX");
+    EXPECT_EQ(std::string(GlobVarLog::name_of_source("Plain").c_str()), "PLAIN");
+}
+
+TEST(GlobVar, ConcurrentBindingAndReleaseKeepTheRegistryConsistent) {
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 2000;
+    Symbol m("T.GV.THREADS");
+    auto held = std::make_unique<GlobVarInt>(m, "SHARED", 1);
+    std::latch start(kThreads);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            start.arrive_and_wait();
+            std::string own = "OWN" + std::to_string(t);
+            for (int k = 0; k < kRounds; ++k) {
+                GlobVarInt shared(m, "SHARED");
+                GlobVarBool mine(m, own.c_str(), true);
+                GlobVarInt::set(m, "SHARED", k);
+            }
+        });
+    }
+    for (std::thread& th : threads) th.join();
+
+    SymbolList ints, bools;
+    EXPECT_EQ(GlobVarInt::get_names(m, ints), 1);
+    EXPECT_EQ(GlobVarBool::get_names(m, bools), 0);
+    EXPECT_EQ(held->get(), kRounds - 1);
+    held.reset();
+    EXPECT_FALSE(has_module("T.GV.THREADS"));
+}
