@@ -78,8 +78,8 @@ StringBuffer& StringBuffer::operator=(char const* text) {
 
 // --- appending ----------------------------------------------------------------------------------------
 
-unsigned int StringBuffer::append(char c) {
-    if (!last_ || last_->used == page_size_) add_page_();
+unsigned int StringBuffer::append_in_new_page_(char c) {
+    add_page_();
     last_->data()[last_->used++] = c;
     ++size_;
     return 1;

@@ -42,7 +42,7 @@ private:
         }
         if (!create) return nullptr;
         if (!by_name_) {
-            by_name_ = new HMap<AString, SymbolEntry*>(203, 0.75f);
+            by_name_ = new HMap<TextKey, SymbolEntry*>(203, 0.75f);
             directory_size_ = kDirectoryStep;
             directory_ = new SymbolEntry**[directory_size_]();
             intern_locked_("", 0, true);  // "" is number 0; the section is recursive
@@ -51,7 +51,7 @@ private:
         unsigned int num = next_num_;
         place_(num);
         auto* entry = new SymbolEntry{AString(text, len), num};
-        by_name_->insert(entry->name, entry);
+        by_name_->insert(TextKey{entry->name.c_str(), entry->name.length()}, entry);
         directory_[num / kPageSlots][num % kPageSlots] = entry;
         ++next_num_;
         return entry;
@@ -73,7 +73,8 @@ private:
     }
 
     CriticalSection lock_;
-    HMap<AString, SymbolEntry*>* by_name_ = nullptr;
+    // Keyed by a view of each entry's own name: entries never move or die, so the view stays valid.
+    HMap<TextKey, SymbolEntry*>* by_name_ = nullptr;
     SymbolEntry*** directory_ = nullptr;
     unsigned int directory_size_ = 0;
     unsigned int next_num_ = 0;

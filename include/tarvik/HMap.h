@@ -52,6 +52,15 @@ struct TextKey {
     unsigned int length;
 };
 
+// Keys that are views of texts owned elsewhere (which must outlive the entry).
+template <>
+struct HMapTraits<TextKey> {
+    static unsigned int hash(TextKey k) { return hash_bytes(k.data, k.length); }
+    static bool equal(TextKey a, TextKey b) {
+        return a.length == b.length && std::char_traits<char>::compare(a.data, b.data, a.length) == 0;
+    }
+};
+
 template <>
 struct HMapTraits<AString> {
     static unsigned int hash(TextKey k) { return hash_bytes(k.data, k.length); }

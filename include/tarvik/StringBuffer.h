@@ -103,7 +103,14 @@ public:
 
     // Appenders return the number of bytes appended. A null text appends nothing and returns 0; a text
     // stops at its NUL, which is not stored.
-    unsigned int append(char c);
+    unsigned int append(char c) {
+        if (last_ && last_->used < page_size_) {  // room in the last page: no call, no page to add
+            last_->data()[last_->used++] = c;
+            ++size_;
+            return 1;
+        }
+        return append_in_new_page_(c);
+    }
     unsigned int append(char const* text);
     unsigned int append(char const* data, unsigned int n);
     unsigned int append(StringBuffer const& other);
@@ -170,6 +177,7 @@ public:
 
 private:
     Page* add_page_();
+    unsigned int append_in_new_page_(char c);
     void free_pages_();
 
     unsigned int page_size_;
