@@ -14,6 +14,7 @@
 #include "tarvik/StringBuffer.h"
 #include "tarvik/Symbol.h"
 #include "tarvik/System.h"
+#include "tarvik/Time.h"
 
 TARVIK_LOG_UNIT()
 
@@ -601,6 +602,20 @@ OBStreamFormat const& OBStreamFormat::add(StringBuffer const& buffer) const {
     buffer.c_str(next_(OBStreamFormatArg::T_STRINGBUFFER).text);
     return *this;
 }
+OBStreamFormat const& OBStreamFormat::add(TimeDate const& date) const {
+    AString text;
+    OBStream out(text);
+    out << date;
+    out.close();
+    return add_rendered(OBStreamFormatArg::T_TIME_DATE, text);
+}
+OBStreamFormat const& OBStreamFormat::add(TimePeriod const& period) const {
+    AString text;
+    OBStream out(text);
+    out << period;
+    out.close();
+    return add_rendered(OBStreamFormatArg::T_TIME_PERIOD, text);
+}
 OBStreamFormat const& OBStreamFormat::add_rendered(int type, AString const& text) const {
     next_(type).text = text;
     return *this;
@@ -747,5 +762,7 @@ OBStreamFormat const& operator<<(OBStreamFormat const& f, StringBuffer const& bu
 OBStreamFormat const& operator<<(OBStreamFormat const& f, AString const& text) { return f.add(text.c_str()); }
 OBStreamFormat const& operator<<(OBStreamFormat const& f, wchar_t const* text) { return f.add(text); }
 OBStreamFormat const& operator<<(OBStreamFormat const& f, wchar_t c) { return f.add(c); }
+OBStreamFormat const& operator<<(OBStreamFormat const& f, TimeDate const& date) { return f.add(date); }
+OBStreamFormat const& operator<<(OBStreamFormat const& f, TimePeriod const& period) { return f.add(period); }
 
 }  // namespace tarvik

@@ -13,6 +13,8 @@
 #include "tarvik/StringBuffer.h"
 #include "tarvik/Symbol.h"
 #include "tarvik/System.h"
+#include "tarvik/Time.h"
+#include "tarvik/Tuple.h"
 
 TARVIK_LOG_UNIT()
 
@@ -184,6 +186,10 @@ Log& Log::operator<<(Blob const& blob) {
     return push_(static_cast<AString&&>(text));
 }
 
+Log& Log::operator<<(TimeDate const& date) { return push_(date.to_string()); }
+Log& Log::operator<<(TimePeriod const& period) { return push_(period.to_string()); }
+Log& Log::operator<<(Tuple const& tuple) { return push_(tuple.to_string()); }
+
 // --- argument texts for containers ------------------------------------------------------------------------
 
 void Log::append_text(AString& out, char const* text) { out += text ? text : ""; }
@@ -211,6 +217,9 @@ void Log::append_text(AString& out, StringBuffer const& buffer) {
     AString t;
     out += buffer.c_str(t);
 }
+void Log::append_text(AString& out, TimeDate const& date) { out += date.to_string(); }
+void Log::append_text(AString& out, TimePeriod const& period) { out += period.to_string(); }
+void Log::append_text(AString& out, Tuple const& tuple) { tuple.to_string(out); }
 void Log::append_text(AString& out, Blob const& blob) {
     AString t;
     out += t.Format("Blob#%u", blob.get_size());

@@ -1,5 +1,8 @@
 #include "tarvik/Symbol.h"
 
+#include <atomic>
+#include <new>
+
 #include "LogUnit.h"
 #include "tarvik/CriticalSection.h"
 #include "tarvik/HMap.h"
@@ -14,8 +17,34 @@ namespace {
 constexpr unsigned int kPageSlots = 256;
 constexpr unsigned int kDirectoryStep = 256;
 
+// One page of the number directory: 256 entry slots.
+struct Page {
+    std::atomic<SymbolEntry const*> slots[kPageSlots];
+};
+
+// The directory of pages. It grows by replacing it with a larger copy; a replaced directory is kept (not
+// freed), since a lookup running without the lock may still be reading it.
+struct Directory {
+    unsigned int size;
+    Directory* retired;  // the directory this one replaced
+    std::atomic<Page*> pages[1];  // `size` slots
+
+    static Directory* make(unsigned int size, Directory* retired) {
+        void* storage = ::operator new(sizeof(Directory) + (size - 1) * sizeof(std::atomic<Page*>));
+        auto* d = static_cast<Directory*>(storage);
+        d->size = size;
+        d->retired = retired;
+        for (unsigned int i = 0; i < size; ++i) new (&d->pages[i]) std::atomic<Page*>(nullptr);
+        return d;
+    }
+};
+
 // The process-wide registry: text -> entry, and number -> entry through a two-level directory. It is made
 // on first use and never destroyed, so symbols stay valid through static destruction.
+//
+// Interning takes the lock. Lookups by number do not: entries never move or die, and the directory and
+// its pages are published with release stores after they are complete, so a reader that acquires them
+// sees them whole. That keeps the name comparisons of tuples (which look names up by number) lock-free.
 class SymbolRegistry {
 public:
     SymbolEntry const* intern(char const* text, unsigned int len, bool create) {
@@ -23,11 +52,12 @@ public:
         return intern_locked_(text, len, create);
     }
 
-    SymbolEntry const* lookup(unsigned int num) {
-        CriticalSectionHolder hold(lock_);
+    SymbolEntry const* lookup(unsigned int num) const {
+        Directory const* d = directory_.load(std::memory_order_acquire);
         unsigned int page = num / kPageSlots;
-        if (!directory_ || page >= directory_size_ || !directory_[page]) return nullptr;
-        return directory_[page][num % kPageSlots];
+        if (!d || page >= d->size) return nullptr;
+        Page const* p = d->pages[page].load(std::memory_order_acquire);
+        return p ? p->slots[num % kPageSlots].load(std::memory_order_acquire) : nullptr;
     }
 
     unsigned int count() {
@@ -43,40 +73,45 @@ private:
         if (!create) return nullptr;
         if (!by_name_) {
             by_name_ = new HMap<TextKey, SymbolEntry*>(203, 0.75f);
-            directory_size_ = kDirectoryStep;
-            directory_ = new SymbolEntry**[directory_size_]();
-            intern_locked_("", 0, true);  // "" is number 0; the section is recursive
-            if (len == 0) return directory_[0][0];
+            directory_.store(Directory::make(kDirectoryStep, nullptr), std::memory_order_release);
+            SymbolEntry const* empty = intern_locked_("", 0, true);  // "" is number 0; the section is recursive
+            if (len == 0) return empty;
         }
         unsigned int num = next_num_;
-        place_(num);
+        Page* page = place_(num);
         auto* entry = new SymbolEntry{AString(text, len), num};
         by_name_->insert(TextKey{entry->name.c_str(), entry->name.length()}, entry);
-        directory_[num / kPageSlots][num % kPageSlots] = entry;
+        page->slots[num % kPageSlots].store(entry, std::memory_order_release);
         ++next_num_;
         return entry;
     }
 
-    // Makes sure the directory and the page for `num` exist.
-    void place_(unsigned int num) {
-        unsigned int page = num / kPageSlots;
-        if (page >= directory_size_) {
-            unsigned int size = directory_size_;
-            while (page >= size) size += kDirectoryStep;
-            auto** grown = new SymbolEntry**[size]();
-            for (unsigned int i = 0; i < directory_size_; ++i) grown[i] = directory_[i];
-            delete[] directory_;
-            directory_ = grown;
-            directory_size_ = size;
+    // The page for `num`, made (and the directory grown by steps of 256 slots) when needed.
+    Page* place_(unsigned int num) {
+        unsigned int index = num / kPageSlots;
+        Directory* d = directory_.load(std::memory_order_relaxed);
+        if (index >= d->size) {
+            unsigned int size = d->size;
+            while (index >= size) size += kDirectoryStep;
+            Directory* grown = Directory::make(size, d);
+            for (unsigned int i = 0; i < d->size; ++i)
+                grown->pages[i].store(d->pages[i].load(std::memory_order_relaxed), std::memory_order_relaxed);
+            directory_.store(grown, std::memory_order_release);
+            d = grown;
         }
-        if (!directory_[page]) directory_[page] = new SymbolEntry*[kPageSlots]();
+        Page* page = d->pages[index].load(std::memory_order_relaxed);
+        if (!page) {
+            page = new Page();
+            for (auto& slot : page->slots) slot.store(nullptr, std::memory_order_relaxed);
+            d->pages[index].store(page, std::memory_order_release);
+        }
+        return page;
     }
 
     CriticalSection lock_;
     // Keyed by a view of each entry's own name: entries never move or die, so the view stays valid.
     HMap<TextKey, SymbolEntry*>* by_name_ = nullptr;
-    SymbolEntry*** directory_ = nullptr;
-    unsigned int directory_size_ = 0;
+    std::atomic<Directory*> directory_{nullptr};
     unsigned int next_num_ = 0;
 };
 

@@ -49,6 +49,8 @@ namespace tarvik {
 
 class IBStreamImpl;
 class OBStreamImpl;
+class TimeDate;
+class TimePeriod;
 class OBStreamFormat;
 
 class TARVIK_EXPORT IBStream {
@@ -219,6 +221,8 @@ public:
     OBStreamFormat const& add(wchar_t const* text) const;
     OBStreamFormat const& add(void const* pointer) const;
     OBStreamFormat const& add(StringBuffer const& buffer) const;
+    OBStreamFormat const& add(TimeDate const& date) const;      // as the stream writes it
+    OBStreamFormat const& add(TimePeriod const& period) const;  // as the stream writes it
     // An argument of another kind, already rendered to text by its stream operator (time values use it).
     OBStreamFormat const& add_rendered(int type, AString const& text) const;
     // Drops every argument added so far.
@@ -249,5 +253,7 @@ TARVIK_EXPORT OBStreamFormat const& operator<<(OBStreamFormat const& f, StringBu
 TARVIK_EXPORT OBStreamFormat const& operator<<(OBStreamFormat const& f, AString const& text);
 TARVIK_EXPORT OBStreamFormat const& operator<<(OBStreamFormat const& f, wchar_t const* text);
 TARVIK_EXPORT OBStreamFormat const& operator<<(OBStreamFormat const& f, wchar_t c);
+TARVIK_EXPORT OBStreamFormat const& operator<<(OBStreamFormat const& f, TimeDate const& date);
+TARVIK_EXPORT OBStreamFormat const& operator<<(OBStreamFormat const& f, TimePeriod const& period);
 
 }  // namespace tarvik

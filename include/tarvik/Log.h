@@ -47,6 +47,9 @@ enum LOG_LEVEL : int {
 // "OK", "FATAL", "ERR", "WARN", "INFO", "LOG", "DEBUG", and "???" for any other number.
 TARVIK_EXPORT char const* level_name(int level);
 
+class TimeDate;
+class TimePeriod;
+class Tuple;
 template <class T, class A>
 class List;
 template <class T, class A>
@@ -95,6 +98,9 @@ public:
     Log& operator<<(StringBuffer const& buffer);
     Log& operator<<(Blob const& blob);  // "Blob#" and the size in bytes
     Log& operator<<(Path const& path);
+    Log& operator<<(TimeDate const& date);      // "%Y-%m-%d %H:%M:%S.%Q"
+    Log& operator<<(TimePeriod const& period);  // its to_string()
+    Log& operator<<(Tuple const& tuple);        // its text form
 
     // A container is one argument: its elements as text, separated by ",".
     template <class T, class A>
@@ -117,6 +123,9 @@ public:
     static void append_text(AString& out, String const& text);
     static void append_text(AString& out, StringBuffer const& buffer);
     static void append_text(AString& out, Blob const& blob);
+    static void append_text(AString& out, TimeDate const& date);
+    static void append_text(AString& out, TimePeriod const& period);
+    static void append_text(AString& out, Tuple const& tuple);
     template <class T, class A>
     static void append_text(AString& out, List<T, A> const& list) {
         append_joined_(out, list);

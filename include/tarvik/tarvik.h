@@ -18,4 +18,7 @@
 #include "tarvik/StringBuffer.h"
 #include "tarvik/Symbol.h"
 #include "tarvik/System.h"
+#include "tarvik/Time.h"
+#include "tarvik/Tuple.h"
+#include "tarvik/TypeManager.h"
 #include "tarvik/Types.h"
