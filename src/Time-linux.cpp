@@ -28,8 +28,8 @@ TimeDate::TimeDate(timespec const& file_time) : TimeDate() {
     std::time_t seconds = file_time.tv_sec;
     std::tm local;
     if (!::localtime_r(&seconds, &local) || file_time.tv_nsec < 0 || file_time.tv_nsec >= 1000000000L) return;
-    set_time_and_date(local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                      local.tm_sec, static_cast<int>(file_time.tv_nsec / 1000000), true);
+    // Through the tm form, which also copes with a tm_year near INT_MAX; whole milliseconds only.
+    set_time_and_date(local, static_cast<unsigned long>(file_time.tv_nsec / 1000000) * 1000);
 }
 
 }  // namespace tarvik

@@ -276,13 +276,14 @@ int month_length(int month, bool leap) {
 bool TimeDate::is_leap_year(int year) { return leap_astronomical(year < 0 ? year + 1 : year); }
 
 long TimeDate::day_number(int year, int month, int day) {
-    // A month outside 1..12 carries into the year.
+    // No year 0: year -1 is astronomical year 0. The adjustment comes before a month outside 1..12 carries
+    // into the year, so that month 13 of year -1 is January of year 1.
     long y = static_cast<std::int16_t>(year);
-    long m = month - 1;
+    if (y < 0) y += 1;
+    long m = static_cast<long>(month) - 1;
     long carry = m >= 0 ? m / 12 : -((11 - m) / 12);
     y += carry;
     m -= carry * 12;
-    if (y < 0) y += 1;  // no year 0: year -1 is astronomical year 0
     long n = y + 4799;
     return (n / 400) * 146097 + ((n % 400) / 100) * 36524 + ((n % 100) / 4) * 1461 + (n % 4) * 365 + (day - 1) +
            kCumulative[leap_astronomical(y) ? 1 : 0][m] - 31738;
@@ -340,8 +341,10 @@ TimeDate& TimeDate::set_time_and_date(int year, int month, int day, int hour, in
 }
 
 TimeDate& TimeDate::set_time_and_date(tm const& fields, unsigned long microseconds) {
-    return set_time_and_date(fields.tm_year + 1900, fields.tm_mon + 1, fields.tm_mday, fields.tm_hour, fields.tm_min,
-                             fields.tm_sec, static_cast<int>(microseconds), false);
+    // In 64 bits: a tm_year near INT_MAX must not overflow (the year is cut to 16 bits anyway).
+    int year = static_cast<int>(static_cast<long long>(fields.tm_year) + 1900);
+    return set_time_and_date(year, fields.tm_mon + 1, fields.tm_mday, fields.tm_hour, fields.tm_min, fields.tm_sec,
+                             static_cast<int>(microseconds), false);
 }
 
 TimeDate& TimeDate::set_time_and_date(std::int64_t seconds) {
@@ -555,8 +558,14 @@ namespace {
 bool parse_xml_date(char const* p, long v[7]) {
     static char const separators[] = "::T::.";
     for (int i = 0; i < 7; ++i) {
+        // Six numbers are a complete date whatever follows them (milliseconds 0), as with the seven.
+        if (i == 6 && (p[0] != '.' || ((p[1] < '0' || p[1] > '9') &&
+                                       !((p[1] == '-' || p[1] == '+') && p[2] >= '0' && p[2] <= '9')))) {
+            v[6] = 0;
+            return true;
+        }
         if (i > 0) {
-            if (*p != separators[i - 1]) return i == 6 && *p == '\0' && (v[6] = 0, true);
+            if (*p != separators[i - 1]) return false;
             ++p;
         }
         bool negative = *p == '-';
