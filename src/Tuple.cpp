@@ -269,24 +269,30 @@ Tuple& Tuple::keep(ListSymbol const& names) {
 
 Tuple& Tuple::assign(Tuple const& other) {
     if (this == &other) return *this;
-    clear();
-    Value** tail = &first_;
+    // Copy before clearing: `other` may be a tuple held inside this one, which clearing frees.
+    Value* head = nullptr;
+    Value** tail = &head;
     for (Value const* v = other.first_; v; v = v->next_) {
         Value* copy = v->clone();
         if (!copy) continue;
         *tail = copy;
         tail = &copy->next_;
     }
+    clear();
+    first_ = head;
     return *this;
 }
 
 Tuple& Tuple::splice(Tuple& other) {
     if (this == &other) return *this;
-    clear();
-    class_name_ = other.class_name_;
-    first_ = other.first_;
+    // Take the chain before clearing: `other` may be a tuple held inside this one.
+    Symbol class_name = other.class_name_;
+    Value* chain = other.first_;
     other.first_ = nullptr;
     other.class_name_ = Symbol();
+    clear();
+    class_name_ = class_name;
+    first_ = chain;
     return *this;
 }
 

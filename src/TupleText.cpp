@@ -302,10 +302,20 @@ void write(AString& out, String const& v) {
 }
 
 void write(AString& out, Blob const& v) {
+    // The base64 of the XML form, without its line feeds: a tuple's text is one line.
+    AString base64;
+    {
+        OBStream stream(base64);
+        v.write_xml(stream);
+    }
     out += '<';
-    OBStream stream(out);
-    v.write_xml(stream);
-    stream.close();
+    char const* text = base64.c_str();
+    unsigned int start = 0;
+    for (unsigned int i = 0; i <= base64.length(); ++i) {
+        if (i < base64.length() && text[i] != '\n') continue;
+        out.append(text + start, i - start);
+        start = i + 1;
+    }
     out += '>';
 }
 
@@ -313,9 +323,11 @@ void write(AString& out, TimePeriod const& v) {
     std::int64_t s = v.get_seconds();
     std::int32_t u = v.get_microseconds();
     bool negative = s < 0 || u < 0;
+    // The magnitude as unsigned, so that the most negative second count is written too.
+    auto magnitude = static_cast<unsigned long long>(s);
+    if (negative) magnitude = 0 - magnitude;
     AString text;
-    text.Format("%s%lld.%06d", negative ? "-" : "", static_cast<long long>(negative ? -static_cast<unsigned long long>(s) : s),
-                static_cast<int>(u < 0 ? -u : u));
+    text.Format("%s%llu.%06d", negative ? "-" : "", magnitude, static_cast<int>(u < 0 ? -u : u));
     out += text;
 }
 
@@ -331,9 +343,9 @@ bool parse_period(char const* p, TimePeriod& v) {
     int u = 0;
     auto r2 = std::from_chars(dot + 1, dot + 7, u);
     if (r1.ec != std::errc() || r1.ptr != dot || r2.ec != std::errc() || r2.ptr != dot + 7) return false;
-    if (s > 0x7FFFFFFFFFFFFFFFull) return false;
-    auto seconds = static_cast<std::int64_t>(s);
-    v = TimePeriod(negative ? -seconds : seconds, negative ? -u : u, false);
+    if (s > (negative ? 0x8000000000000000ull : 0x7FFFFFFFFFFFFFFFull)) return false;
+    auto seconds = static_cast<std::int64_t>(negative ? 0 - s : s);
+    v = TimePeriod(seconds, negative ? -u : u, false);
     return true;
 }
 
@@ -347,7 +359,7 @@ bool parse_calendar(char const* p, TimeDate& v) {
         if (i > 0 && *p++ != separators[i - 1]) return false;
         char const* start = p;
         while (*p >= '0' && *p <= '9') ++p;
-        if (p == start || p - start > 9) return false;
+        if (p == start || p - start > 9 || (i == 6 && p - start != 6)) return false;  // six fraction digits
         std::from_chars(start, p, f[i]);
     }
     if (*p) return false;

@@ -277,7 +277,7 @@ public:
         set_value(name, K, &value, true, true);                                                                \
         return value;                                                                                          \
     }                                                                                                          \
-    T& add_##X(Symbol const& name, T const& value) { return list_for_add_<L>(name, LK).push_back(value); }      \
+    T& add_##X(Symbol const& name, T const& value) { return add_<L>(name, LK, value); }                         \
     T* get_p##X(Symbol const& name) { return payload_<T>(name, K); }                                           \
     T const* get_p##X(Symbol const& name) const { return payload_<T>(name, K); }                               \
     L& set_list_##X(Symbol const& name, L const& list) { return *typed_(set_value(name, LK, &list, false, false), list); } \
@@ -363,6 +363,15 @@ private:
     template <class L>
     L& list_for_add_(Symbol const& name, Types list_kind) {
         return *typed_(set_value(name, list_kind, nullptr, false, false), default_of_<L>());
+    }
+    // Appends to the owned list of the name, made first when the attribute is something else. Making it
+    // replaces (frees) the old value, and `value` may live inside it, so it is copied first then.
+    template <class L, class T>
+    T& add_(Symbol const& name, Types list_kind, T const& value) {
+        Value* v = get_value(name, list_kind);
+        if (v && !v->get_is_ref()) return static_cast<L*>(v->get_pvalue())->push_back(value);
+        T copy(value);
+        return list_for_add_<L>(name, list_kind).push_back(copy);
     }
     static void const* empty_of_(Types kind);
     // Links a value in name order, searching from `hint` when the hint's name sorts before the value's
