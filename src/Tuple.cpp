@@ -66,7 +66,11 @@ bool name_before(unsigned int a, unsigned int b) {
 }
 
 bool name_refused(Symbol const& name) {
-    if (!name.is_null() && name.get_num() <= Tuple::Value::kMaxSymbolNum) return false;
+    if (name.is_null()) {
+        TVK_LOG(LEVEL_ERR, "ATT NAME IS NOT A SYMBOL");
+        return true;
+    }
+    if (name.get_num() <= Tuple::Value::kMaxSymbolNum) return false;
     TVK_LOG(LEVEL_ERR, "ATT NAME NUMBER %0 TOO LARGE FOR ATTRIBUTE '%1'") << name.get_num() << name.get_name();
     return true;
 }

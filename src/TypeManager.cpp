@@ -1,6 +1,7 @@
 #include "tarvik/TypeManager.h"
 
 #include <cassert>
+#include <type_traits>
 #include <new>
 
 #include "LogUnit.h"
@@ -25,7 +26,12 @@ namespace {
 
 template <class T>
 int order(T const& a, T const& b) {
-    if constexpr (requires { a.compare(b); }) {
+    if constexpr (std::is_floating_point_v<T>) {
+        // A total order: NaN equals NaN and sorts after every number, so that it never equals a number.
+        bool na = a != a, nb = b != b;
+        if (na || nb) return na == nb ? 0 : (na ? 1 : -1);
+        return a < b ? -1 : (b < a ? 1 : 0);
+    } else if constexpr (requires { a.compare(b); }) {
         int r = a.compare(b);
         return r < 0 ? -1 : (r > 0 ? 1 : 0);
     } else {

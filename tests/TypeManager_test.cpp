@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include <cstring>
 #include <string>
 
@@ -160,4 +162,16 @@ TEST(TypeManager, ManagersCopyAssignAndOrderContent) {
     EXPECT_EQ(m->compare(&ac, place), 0);
     EXPECT_EQ(m->compare(place, m->get_empty()), 1);
     m->destroy(place);
+}
+
+TEST(TypeManager, NotANumberIsEqualOnlyToItselfAndSortsLast) {
+    double const nan = std::numeric_limits<double>::quiet_NaN();
+    double const one = 1.0;
+    TypeManager const* d = TypeManager::get(T_DOUBLE);
+    EXPECT_EQ(d->compare(&nan, &nan), 0);
+    EXPECT_EQ(d->compare(&nan, &one), 1);
+    EXPECT_EQ(d->compare(&one, &nan), -1);
+    ListDouble with_nan{1.0, nan}, with_one{1.0, 1.0};
+    EXPECT_NE(with_nan, with_one);
+    EXPECT_EQ(with_nan, (ListDouble{1.0, nan}));
 }

@@ -39,6 +39,11 @@ struct TvkScalarListAllocator {
     static int comparator(void const* a, void const* b) {
         T const& x = *static_cast<T const*>(a);
         T const& y = *static_cast<T const*>(b);
+        if constexpr (std::is_floating_point_v<T>) {
+            // A total order: NaN equals NaN and sorts after every number.
+            bool nx = x != x, ny = y != y;
+            if (nx || ny) return nx == ny ? 0 : (nx ? 1 : -1);
+        }
         return x < y ? -1 : (y < x ? 1 : 0);
     }
 };

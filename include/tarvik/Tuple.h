@@ -15,7 +15,7 @@
 // it is removed (a referenced payload is left alone) and a new value takes its place in name order. So
 // setting an attribute to another kind replaces it. A name must be a symbol whose number fits in 22 bits
 // (below 4,194,304); another name is refused with "ATT NAME NUMBER %0 TOO LARGE FOR ATTRIBUTE '%1'" at ERR
-// and the tuple is unchanged.
+// (a null symbol, which names nothing, with "ATT NAME IS NOT A SYMBOL") and the tuple is unchanged.
 //
 // Typed accessors. For each kind there is a group of members named by a suffix X: bool, int, long (64-bit),
 // float, double, astring, string, blob, time_period, time_date, tuple, stringbuffer, symbol, array_int,
