@@ -49,7 +49,7 @@ struct AStringBlocks {
         raw = fresh;
     }
     static void release(RawAString* raw) {
-        if (raw && raw->capacity != 0) std::free(raw);
+        if (raw && raw != nil_raw() && raw->capacity != 0) std::free(raw);
     }
     static RawAString* nil() { return nil_raw(); }
 };

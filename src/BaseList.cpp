@@ -51,35 +51,9 @@ void BaseList::reserve_nodes_(unsigned int n) {
     free_count_ += chunk->count;
 }
 
-ListNodeBase* BaseList::acquire_node_() {
-    if (!free_) {
-        reserve_nodes_(next_chunk_);
-        if (next_chunk_ < kMaxChunkNodes) next_chunk_ *= 2;
-    }
-    ListNodeBase* node = free_;
-    free_ = node->next;
-    --free_count_;
-    return node;
-}
-
-void BaseList::release_node_(ListNodeBase* node) {
-    node->next = free_;
-    free_ = node;
-    ++free_count_;
-}
-
-void BaseList::link_before_(ListNodeBase* pos, ListNodeBase* node) {
-    node->next = pos;
-    node->prev = pos->prev;
-    pos->prev->next = node;
-    pos->prev = node;
-    ++size_;
-}
-
-void BaseList::unlink_(ListNodeBase* node) {
-    node->prev->next = node->next;
-    node->next->prev = node->prev;
-    --size_;
+void BaseList::grow_pool_() {
+    reserve_nodes_(next_chunk_);
+    if (next_chunk_ < kMaxChunkNodes) next_chunk_ *= 2;
 }
 
 void BaseList::free_all_() {

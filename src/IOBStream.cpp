@@ -10,6 +10,7 @@
 #include "IOBStreamImpl.h"
 #include "LogUnit.h"
 #include "tarvik/Blob.h"
+#include "tarvik/CommBuffer.h"
 #include "tarvik/String.h"
 #include "tarvik/StringBuffer.h"
 #include "tarvik/Symbol.h"
@@ -221,6 +222,48 @@ private:
     unsigned int index_ = 0;
 };
 
+class OCommBufBStreamImpl final : public OBStreamImpl {
+public:
+    OCommBufBStreamImpl(CommBuffer& target, bool text_mode) : OBStreamImpl(text_mode), target_(target) {}
+    void write(char const* data, unsigned int n) override {
+        target_.write_raw(reinterpret_cast<unsigned char const*>(data), n);
+    }
+
+private:
+    CommBuffer& target_;
+};
+
+class ICommBufBStreamImpl final : public IBStreamImpl {
+public:
+    explicit ICommBufBStreamImpl(CommBuffer const& source) : IBStreamImpl(false), source_(source) {}
+    int get() override {
+        unsigned char c;
+        return source_.read_byte(&c, 1) == 1 ? c : -1;
+    }
+    int peek() override {
+        CommBuffer::Pos at = source_.get_pos();
+        int c = get();
+        source_.set_pos(at);
+        return c;
+    }
+    unsigned int read(char* dest, unsigned int n) override {
+        long got = source_.read_byte(reinterpret_cast<unsigned char*>(dest), n);
+        return got > 0 ? static_cast<unsigned int>(got) : 0;
+    }
+    AString dump() override {
+        CommBuffer::Pos at = source_.get_pos();
+        AString rest;
+        char chunk[256];
+        for (long got; (got = source_.read_byte(reinterpret_cast<unsigned char*>(chunk), sizeof chunk)) > 0;)
+            rest.append(chunk, static_cast<unsigned int>(got));
+        source_.set_pos(at);
+        return rest;
+    }
+
+private:
+    CommBuffer const& source_;
+};
+
 // Holds the console lock for the duration of one operation on a shared (standard output) stream.
 class SharedGuard {
 public:
@@ -245,6 +288,7 @@ IBStream::IBStream() = default;
 IBStream::IBStream(Path const& path, bool text) { open(path, text); }
 IBStream::IBStream(char const* text) { open(text); }
 IBStream::IBStream(StringBuffer const& buffer) { open(buffer); }
+IBStream::IBStream(CommBuffer const& buffer) { open(buffer); }
 IBStream::~IBStream() { close(); }
 
 bool IBStream::open(IBStreamImpl* impl) {
@@ -255,6 +299,7 @@ bool IBStream::open(IBStreamImpl* impl) {
 bool IBStream::open(Path const& path, bool text) { return open(new IFBStreamImpl(path, text)); }
 bool IBStream::open(char const* text) { return open(new IStrBStreamImpl(text)); }
 bool IBStream::open(StringBuffer const& buffer) { return open(new IStrBufBStreamImpl(buffer)); }
+bool IBStream::open(CommBuffer const& buffer) { return open(new ICommBufBStreamImpl(buffer)); }
 
 void IBStream::close() {
     delete impl_;
@@ -285,6 +330,7 @@ OBStream::OBStream() = default;
 OBStream::OBStream(Path const& path, bool append, bool text) { open(path, append, text); }
 OBStream::OBStream(AString& target, bool text) { open(target, text); }
 OBStream::OBStream(StringBuffer& target, bool text) { open(target, text); }
+OBStream::OBStream(CommBuffer& target, bool text) { open(target, text); }
 OBStream::~OBStream() { close(); }
 
 bool OBStream::open(OBStreamImpl* impl) {
@@ -297,6 +343,7 @@ bool OBStream::open(Path const& path, bool append, bool text) {
 }
 bool OBStream::open(AString& target, bool text) { return open(new OStrBStreamImpl(target, text)); }
 bool OBStream::open(StringBuffer& target, bool text) { return open(new OStrBufBStreamImpl(target, text)); }
+bool OBStream::open(CommBuffer& target, bool text) { return open(new OCommBufBStreamImpl(target, text)); }
 
 void OBStream::close() {
     if (!impl_) return;

@@ -46,7 +46,7 @@ void StringAllocator::reallocate(RawString*& raw, unsigned int n) {
 }
 
 void StringAllocator::release(RawString* raw) {
-    if (raw && raw->capacity != 0) std::free(raw);
+    if (raw && raw != String::nil_block() && raw->capacity != 0) std::free(raw);
 }
 
 void StringAllocator::assign(RawString*& dest, RawString const* src) {

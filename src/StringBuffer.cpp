@@ -6,6 +6,7 @@
 
 #include "LogUnit.h"
 #include "tarvik/AString.h"
+#include "tarvik/CommBuffer.h"
 #include "tarvik/IOBStream.h"
 #include "tarvik/Path.h"
 
@@ -277,6 +278,37 @@ long StringBuffer::read(Path const& path) {
     IBStream in(path, true);
     if (!in.is_open()) return kCannotOpenFile;
     return read(in);
+}
+
+// --- CommBuffer -----------------------------------------------------------------------------------------
+
+long StringBuffer::write(CommBuffer& out) const {
+    long total = 0;
+    for (Page const* p = first_; p; p = p->next)
+        total += out.write_raw(reinterpret_cast<unsigned char const*>(p->data()), p->used);
+    return total;
+}
+
+long StringBuffer::read(CommBuffer const& in) {
+    clear();
+    unsigned int length = 0;
+    long r = in.read(length);
+    if (r < 0) return r;
+    unsigned int left = in.remaining();
+    if (length > left) return in.refuse_length_(length, left);
+    long total = 0;
+    while (length > 0) {
+        unsigned int want = length < page_size_ ? length : page_size_;
+        Page* page = add_page_();
+        long got = in.read_byte(reinterpret_cast<unsigned char*>(page->data()), want);
+        if (got < 0) return got;
+        page->used = static_cast<unsigned int>(got);
+        size_ += page->used;
+        total += got;
+        if (static_cast<unsigned int>(got) < want) return in.refuse_length_(length, 0);
+        length -= want;
+    }
+    return total;
 }
 
 }  // namespace tarvik

@@ -1,6 +1,7 @@
 #include "tarvik/Symbol.h"
 
 #include <atomic>
+#include <cstring>
 #include <new>
 
 #include "LogUnit.h"
@@ -48,8 +49,20 @@ struct Directory {
 class SymbolRegistry {
 public:
     SymbolEntry const* intern(char const* text, unsigned int len, bool create) {
-        CriticalSectionHolder hold(lock_);
-        return intern_locked_(text, len, create);
+        // Names already known are found in this thread's cache without the lock: entries never move or
+        // die, so a cached pointer stays valid for the whole process.
+        static constexpr unsigned int kCacheSlots = 256;
+        thread_local SymbolEntry const* cache[kCacheSlots] = {};
+        unsigned int slot = hash_bytes(text, len) & (kCacheSlots - 1);
+        SymbolEntry const* cached = cache[slot];
+        if (cached && cached->name.length() == len && std::memcmp(cached->name.c_str(), text, len) == 0) return cached;
+        SymbolEntry const* entry;
+        {
+            CriticalSectionHolder hold(lock_);
+            entry = intern_locked_(text, len, create);
+        }
+        if (entry) cache[slot] = entry;
+        return entry;
     }
 
     SymbolEntry const* lookup(unsigned int num) const {
@@ -129,6 +142,8 @@ Symbol::Symbol(char const* name)
                                true)) {}
 
 Symbol::Symbol(AString const& name) : entry_(registry().intern(name.c_str(), name.length(), true)) {}
+
+Symbol::Symbol(char const* text, unsigned int length) : entry_(registry().intern(text ? text : "", text ? length : 0, true)) {}
 
 Symbol::Symbol(unsigned int num) : entry_(registry().lookup(num)) {}
 

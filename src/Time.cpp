@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "LogUnit.h"
+#include "tarvik/CommBuffer.h"
 #include "tarvik/IOBStream.h"
 
 TARVIK_LOG_UNIT()
@@ -587,6 +588,32 @@ long TimeDate::read_xml(IBStream& in) {
     set_time_and_date(static_cast<int>(v[0]), static_cast<int>(v[1]), static_cast<int>(v[2]), static_cast<int>(v[3]),
                       static_cast<int>(v[4]), static_cast<int>(v[5]), static_cast<int>(v[6]), true);
     return 1;
+}
+
+// --- binary form ------------------------------------------------------------------------------------------
+
+long TimePeriod::write(CommBuffer& out) const {
+    long n = out.write(static_cast<long long>(seconds_));
+    return n + out.write(static_cast<int>(microseconds_));
+}
+
+long TimePeriod::read(CommBuffer const& in) {
+    unsigned int before = in.remaining();
+    long long seconds = 0;
+    int micro = 0;
+    in.read(seconds);
+    in.read(micro);
+    time_period(static_cast<std::int64_t>(seconds), micro, false);
+    return static_cast<long>(before - in.remaining());
+}
+
+long TimeDate::write(CommBuffer& out) const { return (*this - epoch()).write(out); }
+
+long TimeDate::read(CommBuffer const& in) {
+    TimePeriod since;
+    long n = since.read(in);
+    *this = epoch() + since;
+    return n;
 }
 
 OBStream& operator<<(OBStream& out, TimePeriod const& period) {

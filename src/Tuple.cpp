@@ -8,6 +8,7 @@
 #include "Memory.h"
 #include "StringOps.h"
 #include "TupleText.h"
+#include "tarvik/CommBuffer.h"
 #include "tarvik/IOBStream.h"
 
 TARVIK_LOG_UNIT()
@@ -152,9 +153,9 @@ void const* Tuple::empty_of_(Types kind) {
 
 // --- linking --------------------------------------------------------------------------------------------
 
-void Tuple::insert_(Value* value, Value* hint) {
+void Tuple::insert_(Value* value, Value* hint, AString const* name_text) {
     unsigned int num = value->get_symbol_num();
-    AString const& name = Symbol(num).get_name();  // looked up once for the whole walk
+    AString const& name = name_text ? *name_text : Symbol(num).get_name();  // looked up once for the walk
     auto before = [&](Value const* standing) {
         unsigned int n = standing->get_symbol_num();
         return n != num && compare_names(Symbol(n).get_name(), name) < 0;
@@ -215,7 +216,7 @@ Tuple::Value* Tuple::set_value(Symbol const& name, Types kind, void const* src, 
     } else {
         manager->construct(fresh->place_(), src);
     }
-    insert_(fresh, prev);
+    insert_(fresh, prev, &name.get_name());
     if (found) discard(found);
     return fresh;
 }
@@ -229,10 +230,12 @@ Tuple::Value* Tuple::add_value(Symbol const& name, Types kind, Value* hint) {
     if (name_refused(name)) return nullptr;
     TypeManager const* manager = manager_of(kind);
     if (!manager) return nullptr;
-    Value* fresh = Value::make(kind, false);
+    // The payload is constructed at once, so the storage needs no zero-filling.
+    auto* fresh = new (memory::allocate(sizeof(Value) + manager->get_size())) Value();
+    fresh->set_type(kind);
     fresh->set_symbol(name);
     manager->construct(fresh->place_(), nullptr);
-    insert_(fresh, hint);
+    insert_(fresh, hint, &name.get_name());
     return fresh;
 }
 
@@ -427,5 +430,175 @@ AString Tuple::format(char const* text) const {
 }
 
 OBStream& operator<<(OBStream& out, Tuple const& tuple) { return out << tuple.to_string(); }
+
+// --- binary form ----------------------------------------------------------------------------------------
+
+long Tuple::write(CommBuffer& out) const {
+    long total = out.write(class_name_);
+    for (Value const* v = first_; v; v = v->next_) {
+        TypeManager const* manager = TypeManager::find(v->get_type());
+        if (!manager) continue;
+        total += out.write(static_cast<int>(v->get_type()));
+        total += out.write(v->get_symbol());
+        total += manager->write(out, v->get_pvalue());
+    }
+    return total + out.write(static_cast<int>(T_END));
+}
+
+long Tuple::read(CommBuffer const& in) {
+    Symbol class_name;
+    long total = in.read(class_name);
+    if (total < 0) return total;
+    if (!in.enter_()) return -1;
+    clear();
+    class_name_ = class_name;
+    Value* last = nullptr;
+    for (;;) {
+        int type = 0;
+        in.read(type);
+        if (type == T_END) break;
+        Symbol name;
+        long r = in.read(name);
+        if (r < 0) {
+            TVK_LOG(LEVEL_ERR, "READ INVALID ATT IN COMM BUFFER type=%0 r=%1 att=%2") << type << r << name;
+            total = -1;
+            break;
+        }
+        TypeManager const* manager = TypeManager::find(type);
+        if (!manager) {
+            TVK_LOG(LEVEL_ERR, "READ %0 INVALID TYPE IN COMM BUFFER") << type;
+            total = -1;
+            break;
+        }
+        Value* value = add_value(name, manager->get_type(), last);
+        if (!value) {
+            total = -1;
+            break;
+        }
+        last = value;
+        long n = manager->read(in, value->get_pvalue());
+        if (n < 0) {
+            total = n;
+            break;
+        }
+        total += r + n;
+    }
+    in.leave_();
+    return total;
+}
+
+// --- pattern matching -----------------------------------------------------------------------------------
+
+namespace {
+
+bool is_white(int c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
+
+// One placeholder of a pattern: where it ends, the attribute it fills and how.
+struct Placeholder {
+    enum Kind { kText, kInt, kTuple, kNone };
+    unsigned int end;  // index after the placeholder
+    AString name;
+    Kind kind;
+};
+
+// Parses a placeholder at pattern[at] (a "%"); false when the "%" is an ordinary character there.
+bool parse_placeholder(AString const& pattern, unsigned int at, unsigned int& anonymous, Placeholder& out) {
+    char next = pattern.get_at(at + 1);
+    if (next == 's' || next == 'i' || next == 'd') {
+        out.end = at + 2;
+        out.name.Format("%u", anonymous++);
+        out.kind = next == 's' ? Placeholder::kText : Placeholder::kInt;
+        return true;
+    }
+    if (next != '(') return false;
+    unsigned int close = pattern.find(')', at + 2);
+    if (close == npos) return false;
+    AString inside = pattern.substr(at + 2, close - at - 2);
+    unsigned int colon = inside.find(':');
+    AString type = colon == npos ? AString() : inside.substr(colon + 1);
+    out.name = colon == npos ? inside : inside.substr(0, colon);
+    out.kind = type.is_empty() || type == "s" ? Placeholder::kText
+               : type == "i"                  ? Placeholder::kInt
+               : type == "t"                  ? Placeholder::kTuple
+                                              : Placeholder::kNone;
+    out.end = close + 1;
+    return true;
+}
+
+void store_capture(Tuple& scratch, Placeholder const& p, StringBuffer const& capture) {
+    AString text;
+    capture.c_str(text);
+    switch (p.kind) {
+        case Placeholder::kText: scratch.set_astring(Symbol(p.name), text); break;
+        case Placeholder::kInt: scratch.set_int(Symbol(p.name), std::atoi(text.c_str())); break;
+        case Placeholder::kTuple: {
+            Tuple nested;
+            nested.from_string(text.c_str());
+            scratch.set_tuple(Symbol(p.name), nested);
+            break;
+        }
+        case Placeholder::kNone: break;
+    }
+}
+
+}  // namespace
+
+bool Tuple::match(AString const& pattern, AString const& text) { return match(pattern, text, '\\'); }
+
+bool Tuple::match(AString const& pattern, AString const& text, char escape) {
+    IBStream in(text.c_str());
+    return match(pattern, in, escape);
+}
+
+bool Tuple::match(AString const& pattern, IBStream& in) { return match(pattern, in, '\\'); }
+
+bool Tuple::match(AString const& pattern, IBStream& in, char escape) {
+    Tuple scratch(class_name_);
+    unsigned int p = 0;
+    unsigned int anonymous = 0;
+    int c = in.peek();
+    bool mismatch = false;
+    while (p < pattern.length() && !mismatch) {
+        Placeholder placeholder;
+        if (pattern[p] == '%' && parse_placeholder(pattern, p, anonymous, placeholder)) {
+            p = placeholder.end;
+            bool at_end = p >= pattern.length();
+            char stop = at_end ? '\0' : pattern[p];
+            StringBuffer capture(128);
+            while (c >= 0 && (at_end || c != static_cast<unsigned char>(stop)) && !(stop == ' ' && !at_end && is_white(c))) {
+                capture.append(static_cast<char>(c));
+                in.get();
+                c = in.peek();
+                while (escape && c == static_cast<unsigned char>(escape)) {
+                    in.get();  // the escape is dropped; the character after it is taken as it is
+                    c = in.peek();
+                    if (c < 0) break;
+                    capture.append(static_cast<char>(c));
+                    in.get();
+                    c = in.peek();
+                }
+            }
+            store_capture(scratch, placeholder, capture);
+            continue;
+        }
+        char pc = pattern[p];
+        if (pc == ' ' ? !is_white(c) : c != static_cast<unsigned char>(pc)) {
+            mismatch = true;
+            break;
+        }
+        in.get();
+        c = in.peek();
+        if (pc == ' ' && pattern.get_at(p + 1) != ' ') {
+            while (c >= 0 && is_white(c)) {
+                in.get();
+                c = in.peek();
+            }
+        }
+        ++p;
+    }
+    if (mismatch || p < pattern.length() || c >= 0) return false;
+    merge(scratch);
+    return true;
+}
 
 }  // namespace tarvik

@@ -7,6 +7,7 @@
 #include "LogUnit.h"
 #include "TupleText.h"
 #include "tarvik/Blob.h"
+#include "tarvik/CommBuffer.h"
 #include "tarvik/String.h"
 #include "tarvik/StringBuffer.h"
 #include "tarvik/Symbol.h"
@@ -65,6 +66,16 @@ public:
     int compare(void const* a, void const* b) const override {
         return order(*static_cast<T const*>(a), *static_cast<T const*>(b));
     }
+    long write(CommBuffer& out, void const* value) const override {
+        T const& v = *static_cast<T const*>(value);
+        // A StringBuffer attribute carries its length, so that it can be read back.
+        if constexpr (std::is_same_v<T, StringBuffer>) {
+            return out.write_counted(v);
+        } else {
+            return out.write(v);
+        }
+    }
+    long read(CommBuffer const& in, void* value) const override { return in.read(*static_cast<T*>(value)); }
     void write_text(AString& out, void const* value) const override {
         tuple_text::write(out, *static_cast<T const*>(value));
     }

@@ -62,6 +62,8 @@ public:
     explicit IBStream(char const* text);
     // The bytes of a StringBuffer (which must outlive the stream and not change meanwhile).
     explicit IBStream(StringBuffer const& buffer);
+    // The value bytes of a CommBuffer from its read position on (headers skipped); reading advances it.
+    explicit IBStream(CommBuffer const& buffer);
     ~IBStream();
     IBStream(IBStream const&) = delete;
     IBStream& operator=(IBStream const&) = delete;
@@ -69,6 +71,7 @@ public:
     bool open(Path const& path, bool text);
     bool open(char const* text);
     bool open(StringBuffer const& buffer);
+    bool open(CommBuffer const& buffer);
     // Takes ownership of an implementation made by another family of the library.
     bool open(IBStreamImpl* impl);
     void close();
@@ -106,6 +109,8 @@ public:
     // Appends to an AString / a StringBuffer (which must outlive the stream).
     explicit OBStream(AString& target, bool text = false);
     explicit OBStream(StringBuffer& target, bool text = false);
+    // Appends value bytes to a CommBuffer (pages with header room are added as needed).
+    OBStream(CommBuffer& target, bool text);
     // Flushes and closes.
     ~OBStream();
     OBStream(OBStream const&) = delete;
@@ -114,6 +119,7 @@ public:
     bool open(Path const& path, bool append, bool text);
     bool open(AString& target, bool text = false);
     bool open(StringBuffer& target, bool text = false);
+    bool open(CommBuffer& target, bool text);
     // Takes ownership of an implementation made by another family of the library.
     bool open(OBStreamImpl* impl);
     void close();

@@ -43,11 +43,33 @@ protected:
     BaseList& operator=(BaseList const&) = delete;
 
     // A node from the pool, not linked.
-    ListNodeBase* acquire_node_();
+    ListNodeBase* acquire_node_() {
+        if (!free_) grow_pool_();
+        ListNodeBase* node = free_;
+        free_ = node->next;
+        --free_count_;
+        return node;
+    }
     // Gives an unlinked node (its element already destroyed) back to the pool.
-    void release_node_(ListNodeBase* node);
-    void link_before_(ListNodeBase* pos, ListNodeBase* node);
-    void unlink_(ListNodeBase* node);
+    void release_node_(ListNodeBase* node) {
+        node->next = free_;
+        free_ = node;
+        ++free_count_;
+    }
+    void link_before_(ListNodeBase* pos, ListNodeBase* node) {
+        node->next = pos;
+        node->prev = pos->prev;
+        pos->prev->next = node;
+        pos->prev = node;
+        ++size_;
+    }
+    void unlink_(ListNodeBase* node) {
+        node->prev->next = node->next;
+        node->next->prev = node->prev;
+        --size_;
+    }
+    // Adds a chunk of nodes to the pool (4 nodes first, doubling up to 256).
+    void grow_pool_();
     // Makes sure n more nodes can be acquired with at most one allocation.
     void reserve_nodes_(unsigned int n);
     // Releases every chunk and empties the list. REQUIRES: elements already destroyed.

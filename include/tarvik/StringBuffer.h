@@ -175,6 +175,14 @@ public:
     long write(Path const& path, bool only_if_changed) const;
     long read(Path const& path);
 
+    // CommBuffer. write: every page's bytes as raw bytes, no length in front (whoever writes a buffer for
+    // read() to take back writes its length first: CommBuffer::write_counted); returns the bytes written.
+    // read: replaces the content by a length (the CommBuffer's unsigned integer form) and that many bytes,
+    // a page at a time; returns the bytes read, or -1 (with an ERR record) when the length exceeds the
+    // bytes left.
+    long write(CommBuffer& out) const;
+    long read(CommBuffer const& in);
+
 private:
     Page* add_page_();
     unsigned int append_in_new_page_(char c);

@@ -37,9 +37,13 @@ public:
     // Interns the text (null is "").
     Symbol(char const* name);
     Symbol(AString const& name);
+    // Interns `length` characters at `text` (they need not end with a NUL).
+    Symbol(char const* text, unsigned int length);
     // Looks a number up; never creates. An unknown number gives a null symbol, whose name is empty and
     // whose number reads 0 (equal to Symbol() by number, not by identity).
     explicit Symbol(unsigned int num);
+    // The symbol of a registry entry (one that get_entry() gave); null for null.
+    explicit Symbol(SymbolEntry const* entry) : entry_(entry) {}
 
     AString const& get_name() const { return entry_ ? entry_->name : empty_name_(); }
     unsigned int get_num() const { return entry_ ? entry_->num : 0; }

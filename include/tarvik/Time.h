@@ -117,6 +117,11 @@ public:
     // from_string. Returns 0, whatever happened (callers do not test it).
     long read_xml(IBStream& in);
 
+    // The seconds (64-bit) and the microseconds (32-bit) in the CommBuffer's signed integer form; the bytes
+    // written / read.
+    long write(CommBuffer& out) const;
+    long read(CommBuffer const& in);
+
 private:
     void normalize_();
 
@@ -202,6 +207,10 @@ public:
     // Skips white space and reads up to 29 characters to the next white space as "Y:M:DTh:m:s.ms" or
     // "Y:M:DTh:m:s". Returns 1, or 0 leaving the value unchanged.
     long read_xml(IBStream& in);
+
+    // The period since 1970-01-01 00:00:00, in TimePeriod's binary form; the bytes written / read.
+    long write(CommBuffer& out) const;
+    long read(CommBuffer const& in);
 
     // Day numbers: the Julian Day Number of a date (the year taken as a 16-bit value, -1 being 1 BC), and
     // back. Gregorian leap rule, applied to the astronomical year.

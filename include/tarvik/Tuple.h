@@ -264,6 +264,34 @@ public:
     bool from_string(char const* text);
     AString format(char const* text) const;
 
+    // Binary form in a CommBuffer: the class name, then per attribute its kind number (signed form), its
+    // name and its value, then the end mark 1 (bytes 01 80); names go through the buffer's dictionary.
+    // write returns the bytes written; read replaces the tuple from the read position and returns the bytes
+    // read, or a negative value: a class name that cannot be read leaves the tuple untouched; an attribute
+    // whose name cannot be read logs "READ INVALID ATT IN COMM BUFFER type=%0 r=%1 att=%2", an unknown kind
+    // "READ %0 INVALID TYPE IN COMM BUFFER" (attributes read so far stay).
+    long write(CommBuffer& out) const;
+    long read(CommBuffer const& in);
+
+    // Pattern matching: reads the text against the pattern and, when the whole text fits, stores each
+    // capture as an attribute (merged into this tuple) and returns true; otherwise changes nothing.
+    //   %(name)      captures into `name` as a narrow string; %(name:s) the same, %(name:i) an integer
+    //                (atoi), %(name:t) a tuple (from_string); any other type captures and stores nothing
+    //   %s %i %d     anonymous captures into "0", "1", ... counted over the pattern's anonymous ones
+    //   %x, and %( without its ")": an ordinary "%"
+    //   a space      matches a run of white space (one space or more in the input)
+    //   other        itself
+    // A capture ends at the first input character equal to the pattern character after the placeholder (a
+    // space there stops at any white space), or at the end of the input for a placeholder that ends the
+    // pattern. With an escape character (backslash by default, 0 for none), an escape inside a capture is
+    // dropped and the character after it taken literally; an escape that starts a capture is ordinary.
+    // "SHM:%(address):%(size)" takes "SHM:name:65536" apart as "name" and "65536", so callers try their
+    // longer patterns first.
+    bool match(AString const& pattern, AString const& text);
+    bool match(AString const& pattern, AString const& text, char escape);
+    bool match(AString const& pattern, IBStream& in);
+    bool match(AString const& pattern, IBStream& in, char escape);
+
     // --- typed accessors (see the header comment) ------------------------------------------------------
 
 #define TARVIK_TUPLE_COMMON(X, T, K, L, LK)                                                                      \
@@ -376,7 +404,8 @@ private:
     static void const* empty_of_(Types kind);
     // Links a value in name order, searching from `hint` when the hint's name sorts before the value's
     // (decoders pass the value they linked last, so names that arrive in order cost one comparison).
-    void insert_(Value* value, Value* hint = nullptr);
+    // `name_text`, when given, is the value's name (saves looking it up).
+    void insert_(Value* value, Value* hint = nullptr, AString const* name_text = nullptr);
     // Unlinks and frees the value that follows `prev` (the first value when prev is null).
     void remove_after_(Value* prev);
     // Copies in other's values of every name (all names, or those listed / not listed), each run of one name

@@ -131,6 +131,10 @@ public:
     // Negative, 0 or positive.
     virtual int compare(void const* a, void const* b) const = 0;
 
+    // The kind's binary form in a CommBuffer: the bytes written; the bytes read or a negative value.
+    virtual long write(CommBuffer& out, void const* value) const = 0;
+    virtual long read(CommBuffer const& in, void* value) const = 0;
+
     // The kind's form inside a tuple's text (Tuple::to_string / from_string).
     virtual void write_text(AString& out, void const* value) const = 0;
     virtual bool read_text(TupleTextReader& in, void* value) const = 0;

@@ -5,6 +5,7 @@
 #include "tarvik/Array.h"
 #include "tarvik/AutoRef.h"
 #include "tarvik/Blob.h"
+#include "tarvik/CommBuffer.h"
 #include "tarvik/CriticalSection.h"
 #include "tarvik/Export.h"
 #include "tarvik/GlobVar.h"

@@ -1,0 +1,863 @@
+#include "tarvik/CommBuffer.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "LogUnit.h"
+#include "Memory.h"
+#include "tarvik/HMap.h"
+#include "tarvik/Blob.h"
+#include "tarvik/IOBStream.h"
+#include "tarvik/String.h"
+#include "tarvik/StringBuffer.h"
+#include "tarvik/Symbol.h"
+#include "tarvik/Time.h"
+#include "tarvik/Tuple.h"
+
+TARVIK_LOG_UNIT()
+
+namespace tarvik {
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+int hex_digit(unsigned char c) {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+}
+
+// The fields of a page header, parsed strictly: "TVK", two digits, "/", four characters, one digit, "/",
+// eight hexadecimal digits, "/".
+struct Header {
+    int version;
+    char flags[4];
+    int last;
+    unsigned int length;
+};
+
+bool parse_header(unsigned char const* h, Header& out) {
+    if (h[0] != 'T' || h[1] != 'V' || h[2] != 'K') return false;
+    if (h[3] < '0' || h[3] > '9' || h[4] < '0' || h[4] > '9' || h[5] != '/') return false;
+    out.version = (h[3] - '0') * 10 + (h[4] - '0');
+    for (int i = 0; i < 4; ++i) out.flags[i] = static_cast<char>(h[6 + i]);
+    if (h[10] < '0' || h[10] > '9' || h[11] != '/') return false;
+    out.last = h[10] - '0';
+    unsigned int length = 0;
+    for (int i = 12; i < 20; ++i) {
+        int d = hex_digit(h[i]);
+        if (d < 0) return false;
+        length = length * 16 + static_cast<unsigned int>(d);
+    }
+    if (h[20] != '/') return false;
+    out.length = length;
+    return true;
+}
+
+void log_invalid_header() { TVK_LOG(LEVEL_ERR, "CommBuffer::Page::update_from_header: INVALID HEADER!"); }
+
+unsigned int encode_unsigned(unsigned long long v, unsigned char* out) {
+    unsigned int n = 0;
+    while (v >= 0x80) {
+        out[n++] = static_cast<unsigned char>(v & 0x7F);
+        v >>= 7;
+    }
+    out[n++] = static_cast<unsigned char>(v | 0x80);
+    return n;
+}
+
+unsigned int encode_signed(long long v, unsigned char* out) {
+    unsigned long long magnitude = v < 0 ? 0ull - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+    out[0] = static_cast<unsigned char>((magnitude & 0x7F) | (v < 0 ? 0x80 : 0));
+    magnitude >>= 7;
+    unsigned int n = 1;
+    while (magnitude >= 0x80) {
+        out[n++] = static_cast<unsigned char>(magnitude & 0x7F);
+        magnitude >>= 7;
+    }
+    out[n++] = static_cast<unsigned char>(magnitude | 0x80);
+    return n;
+}
+
+}  // namespace
+
+// --- pages --------------------------------------------------------------------------------------------
+
+void CommBuffer::Page::write_header() {
+    unsigned char* h = data();
+    if (capacity < kHeaderSize) return;
+    std::memcpy(h, "TVK01/", 6);
+    for (int i = 0; i < 4; ++i) h[6 + i] = static_cast<unsigned char>(flags[i]);
+    h[10] = last ? '1' : '0';
+    h[11] = '/';
+    for (int i = 0; i < 8; ++i) h[12 + i] = static_cast<unsigned char>(kHexDigits[(used >> (28 - 4 * i)) & 15]);
+    h[20] = '/';
+}
+
+bool CommBuffer::Page::update_from_header() {
+    owner->size_ -= used;
+    Header header;
+    if (used < kHeaderSize || !parse_header(data(), header) || header.length < kHeaderSize ||
+        header.length > capacity) {
+        used = 0;
+        log_invalid_header();
+        return false;
+    }
+    used = header.length;
+    owner->size_ += used;
+    last = header.last == 1;
+    bool ascii = false;
+    for (int i = 0; i < 4; ++i) {
+        flags[i] = header.flags[i];
+        ascii = ascii || flags[i] == 'a';
+    }
+    owner->ascii_ = ascii;
+    return true;
+}
+
+CommBuffer::Page* CommBuffer::add_page_(unsigned int capacity, bool with_header) {
+    auto* page = static_cast<Page*>(memory::allocate(sizeof(Page) + capacity));
+    page->last = false;
+    page->marker = 1;
+    std::memcpy(page->flags, ascii_ ? "axxx" : "xxxx", 4);
+    page->owner = this;
+    page->used = 0;
+    page->capacity = capacity;
+    page->next = nullptr;
+    if (with_header && capacity >= kHeaderSize) {
+        page->used = kHeaderSize;
+        page->write_header();  // so that the header bytes are never undefined
+        size_ += kHeaderSize;
+    }
+    if (last_) {
+        last_->next = page;
+    } else {
+        first_ = page;
+    }
+    last_ = page;
+    return page;
+}
+
+void CommBuffer::free_pages_() {
+    for (Page* p = first_; p;) {
+        Page* next = p->next;
+        std::free(p);
+        p = next;
+    }
+    first_ = last_ = nullptr;
+    size_ = 0;
+}
+
+// --- construction ---------------------------------------------------------------------------------------
+
+CommBuffer::CommBuffer() : page_size_(kDefaultPageSize) {}
+
+CommBuffer::CommBuffer(unsigned int page_size) : page_size_(page_size < kHeaderSize ? kHeaderSize + 1 : page_size) {}
+
+CommBuffer::CommBuffer(CommBuffer const& other) : page_size_(other.page_size_) { copy_from_(other); }
+
+CommBuffer::CommBuffer(CommBuffer&& other) noexcept : page_size_(other.page_size_) { splice(other); }
+
+CommBuffer& CommBuffer::operator=(CommBuffer const& other) {
+    if (this != &other) {
+        clear();
+        page_size_ = other.page_size_;
+        copy_from_(other);
+    }
+    return *this;
+}
+
+CommBuffer& CommBuffer::operator=(CommBuffer&& other) noexcept {
+    if (this != &other) splice(other);
+    return *this;
+}
+
+CommBuffer::~CommBuffer() {
+    free_pages_();
+    drop_names_();
+}
+
+void CommBuffer::copy_from_(CommBuffer const& other) {
+    drop_names_();
+    for (SymbolEntry const* entry : other.dictionary_) add_name_(entry);
+    ascii_ = other.ascii_;
+    for (Page const* p = other.first_; p; p = p->next) {
+        Page* copy = add_page_(p->capacity, false);
+        std::memcpy(copy, p, sizeof(Page));
+        std::memcpy(copy->data(), p->data(), p->used);
+        copy->owner = this;
+        copy->next = nullptr;
+    }
+    size_ = other.size_;
+    pos_ = Pos();
+}
+
+void CommBuffer::splice(CommBuffer& other) {
+    if (this == &other) return;
+    clear();
+    page_size_ = other.page_size_;
+    size_ = other.size_;
+    first_ = other.first_;
+    last_ = other.last_;
+    ascii_ = other.ascii_;
+    dictionary_ = static_cast<Array<SymbolEntry const*>&&>(other.dictionary_);
+    name_index_ = other.name_index_;
+    other.name_index_ = nullptr;
+    for (Page* p = first_; p; p = p->next) p->owner = this;
+    other.first_ = other.last_ = nullptr;
+    other.size_ = 0;
+    other.pos_ = Pos();
+    pos_ = Pos();
+}
+
+void CommBuffer::clear() {
+    free_pages_();
+    drop_names_();
+    pos_ = Pos();
+}
+
+bool CommBuffer::operator==(CommBuffer const& other) const {
+    if (size_ != other.size_) return false;
+    Page const* a = first_;
+    Page const* b = other.first_;
+    for (; a && b; a = a->next, b = b->next) {
+        if (a->used != b->used || std::memcmp(a->data(), b->data(), a->used) != 0) return false;
+    }
+    return !a && !b;
+}
+
+void CommBuffer::update_ascii_flags() {
+    for (Page* p = first_; p; p = p->next) {
+        if (ascii_) {
+            bool has = false;
+            for (char f : p->flags) has = has || f == 'a';
+            for (int i = 0; i < 4 && !has; ++i) {
+                if (p->flags[i] == 'x') {
+                    p->flags[i] = 'a';
+                    has = true;
+                }
+            }
+        } else {
+            for (char& f : p->flags)
+                if (f == 'a') f = 'x';
+        }
+    }
+}
+
+void CommBuffer::update_headers() {
+    for (Page* p = first_; p; p = p->next) p->write_header();
+}
+
+// --- raw bytes ----------------------------------------------------------------------------------------
+
+unsigned int CommBuffer::write_byte(unsigned char const* bytes, unsigned int n) {
+    if (last_ && last_->capacity - last_->used >= n) {  // fits in the last page: the common case
+        std::memcpy(last_->data() + last_->used, bytes, n);
+        last_->used += n;
+        size_ += n;
+        return n;
+    }
+    unsigned int done = 0;
+    while (done < n) {
+        if (!last_ || last_->used >= last_->capacity) {
+            add_page_(page_size_, true);
+            if (last_->used >= last_->capacity) break;  // pages of 21 bytes hold no values
+        }
+        unsigned int room = last_->capacity - last_->used;
+        unsigned int k = n - done < room ? n - done : room;
+        std::memcpy(last_->data() + last_->used, bytes + done, k);
+        last_->used += k;
+        size_ += k;
+        done += k;
+    }
+    return done;
+}
+
+unsigned char* CommBuffer::allocate(unsigned int& room) {
+    if (!last_ || last_->used >= last_->capacity) add_page_(page_size_, false);
+    room = last_->capacity - last_->used;
+    return last_->data() + last_->used;
+}
+
+unsigned char* CommBuffer::allocate_in_new_page(unsigned int capacity, bool with_header) {
+    Page* page = add_page_(capacity, with_header);
+    return page->data() + page->used;
+}
+
+unsigned int CommBuffer::add_size(unsigned int n) {
+    if (!last_ || n > last_->capacity - last_->used) {
+        TVK_LOG(LEVEL_ERR, "WRONG ADD SIZE %0 [%1/%2]") << n << (last_ ? last_->used : 0u)
+                                                         << (last_ ? last_->capacity : 0u);
+        return size_;
+    }
+    last_->used += n;
+    size_ += n;
+    return size_;
+}
+
+void CommBuffer::rewind() const { pos_ = Pos(); }
+
+namespace {
+
+// Moves a read position to the next value byte (past headers and exhausted pages); stays on the last
+// page at its end, so bytes appended later are still found. Returns whether a byte is there.
+bool settle(CommBuffer::Pos& pos, CommBuffer::Page const* first) {
+    if (pos.rewind_pending) {
+        pos.page = first;
+        pos.offset = CommBuffer::kHeaderSize;
+        pos.rewind_pending = false;
+    }
+    while (pos.page && pos.offset >= pos.page->used && pos.page->next) {
+        pos.page = pos.page->next;
+        pos.offset = CommBuffer::kHeaderSize;
+    }
+    return pos.page && pos.offset < pos.page->used;
+}
+
+}  // namespace
+
+bool CommBuffer::next_byte_(unsigned char& byte) const {
+    if (!settle(pos_, first_)) return false;
+    byte = pos_.page->data()[pos_.offset++];
+    return true;
+}
+
+long CommBuffer::read_byte(unsigned char* dest, unsigned int n) const {
+    if (!first_) return -1;
+    unsigned int done = 0;
+    while (done < n && settle(pos_, first_)) {
+        unsigned int left = pos_.page->used - pos_.offset;
+        unsigned int k = n - done < left ? n - done : left;
+        std::memcpy(dest + done, pos_.page->data() + pos_.offset, k);
+        pos_.offset += k;
+        done += k;
+    }
+    return done;
+}
+
+bool CommBuffer::read_exact_(void* dest, unsigned int n) const {
+    if (n == 0) return true;
+    return read_byte(static_cast<unsigned char*>(dest), n) == static_cast<long>(n);
+}
+
+unsigned int CommBuffer::remaining() const {
+    Pos pos = pos_;
+    if (!settle(pos, first_)) return 0;
+    unsigned long long left = pos.page->used - pos.offset;
+    for (Page const* p = pos.page->next; p; p = p->next)
+        if (p->used > kHeaderSize) left += p->used - kHeaderSize;
+    return left > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<unsigned int>(left);
+}
+
+// --- integers -----------------------------------------------------------------------------------------
+
+// Integers are encoded straight into the last page when it has room for the longest form (11 bytes).
+long CommBuffer::write_unsigned_(unsigned long long value) {
+    if (last_ && last_->capacity - last_->used >= 12) {
+        unsigned int n = encode_unsigned(value, last_->data() + last_->used);
+        last_->used += n;
+        size_ += n;
+        return n;
+    }
+    unsigned char bytes[12];
+    return write_byte(bytes, encode_unsigned(value, bytes));
+}
+
+long CommBuffer::write_signed_(long long value) {
+    if (last_ && last_->capacity - last_->used >= 12) {
+        unsigned int n = encode_signed(value, last_->data() + last_->used);
+        last_->used += n;
+        size_ += n;
+        return n;
+    }
+    unsigned char bytes[12];
+    return write_byte(bytes, encode_signed(value, bytes));
+}
+
+namespace {
+
+// Decodes a value whose bytes all lie in `p` (at most `left` of them); the bytes taken, or 0 when the
+// value does not end within them (the caller then goes byte by byte across pages).
+unsigned int decode_in_place(unsigned char const* p, unsigned int left, bool is_signed, unsigned long long& out) {
+    unsigned int n = 0;
+    unsigned long long v = 0;
+    unsigned int shift = 0;
+    bool negative = false;
+    if (is_signed) {
+        if (left < 2) return 0;
+        negative = (p[0] & 0x80) != 0;
+        v = p[0] & 0x7F;
+        shift = 7;
+        n = 1;
+    }
+    while (n < left) {
+        unsigned char b = p[n++];
+        if (shift < 64) v |= static_cast<unsigned long long>(b & 0x7F) << shift;
+        shift += 7;
+        if (b & 0x80) {
+            out = negative ? 0ull - v : v;
+            return n;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+unsigned int CommBuffer::read_unsigned_(unsigned long long& value) const {
+    if (settle(pos_, first_)) {
+        unsigned int n = decode_in_place(pos_.page->data() + pos_.offset, pos_.page->used - pos_.offset, false, value);
+        if (n) {
+            pos_.offset += n;
+            return n;
+        }
+    }
+    unsigned long long v = 0;
+    unsigned int shift = 0;
+    unsigned int n = 0;
+    unsigned char b;
+    while (next_byte_(b)) {
+        ++n;
+        if (shift < 64) v |= static_cast<unsigned long long>(b & 0x7F) << shift;
+        shift += 7;
+        if (b & 0x80) break;
+    }
+    value = v;
+    return n;
+}
+
+unsigned int CommBuffer::read_signed_(long long& value) const {
+    if (settle(pos_, first_)) {
+        unsigned long long v;
+        unsigned int n = decode_in_place(pos_.page->data() + pos_.offset, pos_.page->used - pos_.offset, true, v);
+        if (n) {
+            pos_.offset += n;
+            value = static_cast<long long>(v);
+            return n;
+        }
+    }
+    unsigned char b;
+    if (!next_byte_(b)) {
+        value = 0;
+        return 0;
+    }
+    bool negative = (b & 0x80) != 0;
+    unsigned long long magnitude = b & 0x7F;
+    unsigned int shift = 7;
+    unsigned int n = 1;
+    while (next_byte_(b)) {
+        ++n;
+        if (shift < 64) magnitude |= static_cast<unsigned long long>(b & 0x7F) << shift;
+        shift += 7;
+        if (b & 0x80) break;
+    }
+    value = static_cast<long long>(negative ? 0ull - magnitude : magnitude);
+    return n;
+}
+
+long CommBuffer::write(bool v) {
+    unsigned char b = v ? 1 : 0;
+    return write_byte(&b, 1);
+}
+long CommBuffer::write(short v) { return write_signed_(v); }
+long CommBuffer::write(int v) { return write_signed_(v); }
+long CommBuffer::write(long v) { return write_signed_(v); }
+long CommBuffer::write(long long v) { return write_signed_(v); }
+long CommBuffer::write(unsigned short v) { return write_unsigned_(v); }
+long CommBuffer::write(unsigned int v) { return write_unsigned_(v); }
+long CommBuffer::write(unsigned long v) { return write_unsigned_(v); }
+long CommBuffer::write(unsigned long long v) { return write_unsigned_(v); }
+
+long CommBuffer::read(bool& v) const {
+    unsigned char b = 0;
+    if (next_byte_(b)) v = b != 0;
+    return 0;
+}
+
+namespace {
+
+template <class T>
+T narrow(long long v) {
+    return static_cast<T>(static_cast<unsigned long long>(v));  // keeps the low bits, as a wire integer does
+}
+
+}  // namespace
+
+long CommBuffer::read(short& v) const {
+    long long x;
+    read_signed_(x);
+    v = narrow<short>(x);
+    return 0;
+}
+long CommBuffer::read(int& v) const {
+    long long x;
+    read_signed_(x);
+    v = narrow<int>(x);
+    return 0;
+}
+long CommBuffer::read(long& v) const {
+    long long x;
+    read_signed_(x);
+    v = narrow<long>(x);
+    return 0;
+}
+long CommBuffer::read(long long& v) const {
+    read_signed_(v);
+    return 0;
+}
+long CommBuffer::read(unsigned short& v) const {
+    unsigned long long x;
+    read_unsigned_(x);
+    v = static_cast<unsigned short>(x);
+    return 0;
+}
+long CommBuffer::read(unsigned int& v) const {
+    unsigned long long x;
+    read_unsigned_(x);
+    v = static_cast<unsigned int>(x);
+    return 0;
+}
+long CommBuffer::read(unsigned long& v) const {
+    unsigned long long x;
+    read_unsigned_(x);
+    v = static_cast<unsigned long>(x);
+    return 0;
+}
+long CommBuffer::read(unsigned long long& v) const {
+    read_unsigned_(v);
+    return 0;
+}
+
+// --- floating point -------------------------------------------------------------------------------------
+
+namespace {
+
+template <class Bits>
+void little_endian(Bits bits, unsigned char* out) {
+    for (unsigned int i = 0; i < sizeof(Bits); ++i) out[i] = static_cast<unsigned char>(bits >> (8 * i));
+}
+
+template <class Bits>
+Bits from_little_endian(unsigned char const* in) {
+    Bits bits = 0;
+    for (unsigned int i = 0; i < sizeof(Bits); ++i) bits |= static_cast<Bits>(in[i]) << (8 * i);
+    return bits;
+}
+
+}  // namespace
+
+long CommBuffer::write(float v) {
+    std::uint32_t bits;
+    std::memcpy(&bits, &v, 4);
+    unsigned char bytes[4];
+    little_endian(bits, bytes);
+    return write_byte(bytes, 4);
+}
+
+long CommBuffer::write(double v) {
+    std::uint64_t bits;
+    std::memcpy(&bits, &v, 8);
+    unsigned char bytes[8];
+    little_endian(bits, bytes);
+    return write_byte(bytes, 8);
+}
+
+long CommBuffer::read(float& v) const {
+    unsigned char bytes[4];
+    if (!read_exact_(bytes, 4)) return refuse_length_(4, 0);
+    std::uint32_t bits = from_little_endian<std::uint32_t>(bytes);
+    std::memcpy(&v, &bits, 4);
+    return 4;
+}
+
+long CommBuffer::read(double& v) const {
+    unsigned char bytes[8];
+    if (!read_exact_(bytes, 8)) return refuse_length_(8, 0);
+    std::uint64_t bits = from_little_endian<std::uint64_t>(bytes);
+    std::memcpy(&v, &bits, 8);
+    return 8;
+}
+
+// --- strings, buffers, blobs ------------------------------------------------------------------------
+
+long CommBuffer::refuse_length_(unsigned long long length, unsigned int left) const {
+    TVK_LOG(LEVEL_ERR, "CommBuffer::read: corrupted! (invalid length %0, %1 bytes left)")
+        << static_cast<long long>(length) << left;
+    return -1;
+}
+
+bool CommBuffer::enter_() const {
+    if (depth_ >= kMaxDepth) {
+        TVK_LOG(LEVEL_ERR, "CommBuffer::read: corrupted! (nesting deeper than %0)") << kMaxDepth;
+        return false;
+    }
+    ++depth_;
+    return true;
+}
+
+long CommBuffer::write(AString const& v) {
+    long n = write_unsigned_(v.length());
+    return n + write_byte(reinterpret_cast<unsigned char const*>(v.c_str()), v.length());
+}
+
+long CommBuffer::read(AString& v) const {
+    unsigned long long length = 0;
+    unsigned int n = read_unsigned_(length);
+    unsigned int left = remaining();
+    if (length > left) return refuse_length_(length, left);
+    v.clear();
+    if (length == 0) return n;
+    char* dest = v.set_buffer(static_cast<unsigned int>(length));
+    read_exact_(dest, static_cast<unsigned int>(length));
+    v.size(static_cast<unsigned int>(length));
+    return n + static_cast<long>(length);
+}
+
+long CommBuffer::write(String const& v) {
+    long n = write_unsigned_(v.length());
+    for (unsigned int i = 0; i < v.length(); ++i) n += write_unsigned_(static_cast<unsigned int>(v.c_str()[i]) & 0xFFFFu);
+    return n;
+}
+
+long CommBuffer::read(String& v) const {
+    unsigned long long count = 0;
+    long n = read_unsigned_(count);
+    unsigned int left = remaining();
+    if (count > left) return refuse_length_(count, left);
+    String text(v.get_allocator());
+    WChar* units = text.allocate(static_cast<unsigned int>(count));
+    for (unsigned long long i = 0; i < count; ++i) {
+        unsigned long long unit = 0;
+        unsigned int k = read_unsigned_(unit);
+        if (k == 0) return refuse_length_(count, 0);
+        units[i] = static_cast<WChar>(unit);
+        n += k;
+    }
+    text.size(static_cast<unsigned int>(count));
+    v.splice(text);
+    return n;
+}
+
+long CommBuffer::write(StringBuffer const& v) { return v.write(*this); }
+
+long CommBuffer::write_counted(StringBuffer const& v) {
+    long n = write_unsigned_(v.size());
+    return n + v.write(*this);
+}
+
+long CommBuffer::read(StringBuffer& v) const { return v.read(*this); }
+
+long CommBuffer::write(Blob const& v) {
+    unsigned int size = v.get_content() ? v.get_size() : 0;
+    long n = write_unsigned_(size);
+    return n + write_byte(reinterpret_cast<unsigned char const*>(v.get_content()), size);
+}
+
+long CommBuffer::read(Blob& v) const {
+    unsigned long long size = 0;
+    unsigned int n = read_unsigned_(size);
+    unsigned int left = remaining();
+    if (size > left) return refuse_length_(size, left);
+    v.clear();
+    if (size == 0) return n;
+    char* dest = v.set(static_cast<unsigned int>(size), static_cast<unsigned int>(size));
+    read_exact_(dest, static_cast<unsigned int>(size));
+    return n + static_cast<long>(size);
+}
+
+// --- the dictionary ---------------------------------------------------------------------------------
+
+unsigned int CommBuffer::find_name_(SymbolEntry const* entry) const {
+    if (name_index_) {
+        unsigned int const* pos = name_index_->find(entry);
+        return pos ? *pos : 0;
+    }
+    for (unsigned int i = 0; i < dictionary_.size(); ++i)
+        if (dictionary_[i] == entry) return i + 1;
+    return 0;
+}
+
+void CommBuffer::add_name_(SymbolEntry const* entry) const {
+    if (dictionary_.is_empty()) dictionary_.reserve(kScannedNames);  // one allocation for most buffers
+    dictionary_.push_back(entry);
+    if (!name_index_ && dictionary_.size() > kScannedNames) {
+        // Past a few names a scan per lookup would make a buffer of many names quadratic.
+        name_index_ = new HMap<SymbolEntry const*, unsigned int>(64, 0.75f);
+        for (unsigned int i = 0; i < dictionary_.size(); ++i) name_index_->insert(dictionary_[i], i + 1);
+    } else if (name_index_) {
+        name_index_->insert(entry, dictionary_.size());
+    }
+}
+
+void CommBuffer::drop_names_() {
+    dictionary_.clear();
+    delete name_index_;
+    name_index_ = nullptr;
+}
+
+long CommBuffer::write(Symbol const& v) {
+    SymbolEntry const* entry = v.is_null() ? Symbol().get_entry() : v.get_entry();  // a null symbol writes as ""
+    if (unsigned int pos = find_name_(entry)) return write_signed_(-static_cast<long long>(pos));
+    AString const& name = entry->name;
+    long n = write_signed_(name.length());
+    n += write_byte(reinterpret_cast<unsigned char const*>(name.c_str()), name.length());
+    if (!name.is_empty()) add_name_(entry);
+    return n;
+}
+
+long CommBuffer::write_using_dictionary(AString const& name) { return write(Symbol(name)); }
+
+long CommBuffer::read(Symbol& v) const {
+    long long n = 0;
+    long consumed = read_signed_(n);
+    if (n < 0) {
+        if (0ull - static_cast<unsigned long long>(n) > dictionary_.size()) {
+            TVK_LOG(LEVEL_ERR, "CommBuffer::read_using_dictionary: corrupted! (invalid pos %0)") << n;
+            return -1;
+        }
+        v = Symbol(dictionary_[static_cast<unsigned int>(-n - 1)]);
+        return consumed;
+    }
+    if (n == 0) {
+        v = Symbol();
+        return consumed;
+    }
+    unsigned int left = remaining();
+    if (static_cast<unsigned long long>(n) > size_ || static_cast<unsigned long long>(n) > left) {
+        TVK_LOG(LEVEL_ERR, "CommBuffer::read_using_dictionary: corrupted! (invalid size %0)") << n;
+        return -1;
+    }
+    auto length = static_cast<unsigned int>(n);
+    Pos at = pos_;
+    Symbol name;
+    if (settle(at, first_) && at.page->used - at.offset >= length) {
+        // The whole name lies in this page: intern it from there, without a copy.
+        name = Symbol(reinterpret_cast<char const*>(at.page->data() + at.offset), length);
+        at.offset += length;
+        pos_ = at;
+    } else {
+        AString text;
+        char* dest = text.set_buffer(length);
+        read_exact_(dest, length);
+        text.size(length);
+        name = Symbol(text);
+    }
+    if (!find_name_(name.get_entry())) add_name_(name.get_entry());
+    v = name;
+    return consumed + length;
+}
+
+long CommBuffer::read_using_dictionary(AString& name) const {
+    Symbol s;
+    long r = read(s);
+    if (r >= 0) name = s.get_name();
+    return r;
+}
+
+// --- time values and tuples -------------------------------------------------------------------------
+
+long CommBuffer::write(TimePeriod const& v) { return v.write(*this); }
+long CommBuffer::read(TimePeriod& v) const { return v.read(*this); }
+long CommBuffer::write(TimeDate const& v) { return v.write(*this); }
+long CommBuffer::read(TimeDate& v) const { return v.read(*this); }
+long CommBuffer::write(Tuple const& v) { return v.write(*this); }
+long CommBuffer::read(Tuple& v) const { return v.read(*this); }
+
+// --- streams and files ----------------------------------------------------------------------------------
+
+long CommBuffer::write(OBStream& out) const {
+    long total = 0;
+    for (Page* p = first_; p; p = p->next) {
+        p->last = p->next == nullptr;
+        p->write_header();
+        out.put(reinterpret_cast<char const*>(p->data()), p->used);
+        total += p->used;
+    }
+    return total;
+}
+
+long CommBuffer::read(IBStream& in) {
+    clear();
+    constexpr unsigned int kFirstRoom = 64 * 1024;
+    long total = 0;
+    for (;;) {
+        unsigned char raw[kHeaderSize];
+        unsigned int got = 0;
+        while (got < kHeaderSize) {
+            int r = in.get(reinterpret_cast<char*>(raw) + got, kHeaderSize - got);
+            if (r <= 0) return -1;  // the stream ended before the last page
+            got += static_cast<unsigned int>(r);
+        }
+        Header header;
+        if (!parse_header(raw, header) || header.length < kHeaderSize) {
+            log_invalid_header();
+            return -1;
+        }
+        // The page grows as its bytes arrive: a header may announce more than will ever come.
+        unsigned int room = header.length < kFirstRoom ? header.length : kFirstRoom;
+        auto* page = static_cast<Page*>(memory::allocate(sizeof(Page) + room));
+        std::memcpy(page->data(), raw, kHeaderSize);
+        unsigned int filled = kHeaderSize;
+        while (filled < header.length) {
+            if (filled == room) {
+                room = header.length - room < room ? header.length : room * 2;
+                page = static_cast<Page*>(std::realloc(page, sizeof(Page) + room));
+                if (!page) std::abort();
+            }
+            int r = in.get(reinterpret_cast<char*>(page->data()) + filled, room - filled);
+            if (r <= 0) {
+                std::free(page);
+                return -1;
+            }
+            filled += static_cast<unsigned int>(r);
+        }
+        page->last = false;
+        page->marker = 1;
+        std::memcpy(page->flags, "xxxx", 4);
+        page->owner = this;
+        page->used = filled;
+        page->capacity = room;
+        page->next = nullptr;
+        if (last_) {
+            last_->next = page;
+        } else {
+            first_ = page;
+        }
+        last_ = page;
+        size_ += filled;
+        if (!page->update_from_header()) return -1;
+        total += filled;
+        if (page->last) return total;
+    }
+}
+
+long CommBuffer::write_file(Path const& path) const {
+    OBStream out(path, false, false);
+    if (!out.is_open()) {
+        TVK_LOG(LEVEL_ERR, "CANNOT OPEN OUTPUT FILE '%0'") << path.get_text();
+        return -1;
+    }
+    return write(out);
+}
+
+long CommBuffer::read_file(Path const& path) {
+    IBStream in(path, false);
+    if (!in.is_open()) {
+        TVK_LOG(LEVEL_ERR, "CANNOT OPEN INPUT FILE '%0'") << path.get_text();
+        return -1;
+    }
+    return read(in);
+}
+
+AString CommBuffer::to_string() const {
+    if (!ascii_) return AString("string format supported only for ascii CommBuffer!");
+    AString text;
+    OBStream out(text);
+    write(out);
+    out.close();
+    return text;
+}
+
+}  // namespace tarvik
