@@ -1,0 +1,46 @@
+// Mutex.h: a system mutex, optionally shared between processes by name.
+//
+// A Mutex is recursive for the thread that owns it. A named mutex is shared by every process that creates
+// or opens the same name and lives until its last handle closes; if its owner dies holding it, the next
+// locker takes it over. lock() waits without limit, lock(timeout) at most the period, try_lock() not at all.
+//
+// Thread safety: lock/unlock from any thread (unlock by the owner); create/open/destruction must not race
+// with other operations on the same object.
+#pragma once
+
+#include "tarvik/Time.h"
+#include "tarvik/Types.h"
+
+namespace tarvik {
+
+namespace mutex_impl {
+struct Handle;
+}
+
+class TARVIK_EXPORT Mutex {
+public:
+    // An unnamed mutex.
+    Mutex();
+    // A named mutex, created (or opened when it exists) at once when `create_now`.
+    explicit Mutex(char const* name, bool create_now = true);
+    ~Mutex();
+    Mutex(Mutex const&) = delete;
+    Mutex& operator=(Mutex const&) = delete;
+
+    // Creates the mutex (unnamed when name is null), or opens the named one when it exists.
+    bool create(char const* name);
+    // Opens an existing named mutex only.
+    bool open(char const* name);
+    bool is_ok() const { return handle_ != nullptr; }
+
+    bool lock();
+    bool lock(TimePeriod const& timeout);
+    bool try_lock();
+    void unlock();
+
+private:
+    void close_();
+    mutex_impl::Handle* handle_ = nullptr;
+};
+
+}  // namespace tarvik

@@ -1,0 +1,79 @@
+#include "tarvik/Event.h"
+
+#include "EventImpl.h"
+#include "LogUnit.h"
+#include "tarvik/System.h"
+
+TARVIK_LOG_UNIT()
+
+namespace tarvik {
+
+Event::Event(bool create_now) {
+    if (create_now) create(nullptr);
+}
+
+Event::Event(char const* name) { create(name); }
+
+Event::~Event() { close_(); }
+
+void Event::close_() {
+    if (!handle_) return;
+    if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "DELETE EVENT %0") << (name_.is_empty() ? AString().Format("%p", static_cast<void*>(this)) : name_);
+    event_impl::close(handle_);
+    handle_ = nullptr;
+}
+
+bool Event::create(char const* name) {
+    close_();
+    name_ = name ? name : "";
+    handle_ = event_impl::create(name);
+    if (!handle_) {
+        TVK_LOG(LEVEL_ERR, "CANNOT CREATE EVENT %0 [%1]") << name_ << get_last_system_error_text();
+        return false;
+    }
+    if (tvk_log() > 1) {
+        if (name) {
+            TVK_LOG(LEVEL_LOG, "CREATE NAMED EVENT %0: %1") << name_ << true;
+        } else {
+            TVK_LOG(LEVEL_LOG, "CREATE EVENT %0") << static_cast<void const*>(this);
+        }
+    }
+    return true;
+}
+
+bool Event::signal() {
+    if (!handle_) return false;
+    if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "SIGNAL EVENT %0") << name_;
+    return event_impl::set(handle_);
+}
+
+bool Event::reset() {
+    if (!handle_) return false;
+    if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "RESET EVENT %0") << name_;
+    return event_impl::reset(handle_);
+}
+
+bool Event::wait(TimePeriod const& timeout) {
+    if (!handle_) return false;
+    bool limited = timeout > TimePeriod();
+    TimeDate const end = TimeDate::now() + timeout;
+    for (;;) {
+        unsigned int slice = 1000;
+        if (limited) {
+            TimePeriod left = end - TimeDate::now();
+            if (left <= TimePeriod()) return false;
+            if (left.to_milliseconds() < slice) slice = static_cast<unsigned int>(left.to_milliseconds());
+        }
+        int r = event_impl::wait(handle_, slice);
+        if (r > 0) {
+            if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "EVENT '%0' SIGNALED") << name_;
+            return true;
+        }
+        if (r < 0) {
+            TVK_LOG(LEVEL_ERR, "EVENT '%0' WAIT ERROR '%1'") << name_ << get_last_system_error_text();
+            return false;
+        }
+    }
+}
+
+}  // namespace tarvik

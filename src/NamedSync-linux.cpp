@@ -1,0 +1,172 @@
+// Linux: process-shared synchronisation objects in POSIX shared memory (see NamedSync-linux.h).
+#include "NamedSync-linux.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+#include <new>
+
+#include "LogUnit.h"
+
+TARVIK_LOG_UNIT()
+
+namespace tarvik::named_sync {
+
+namespace {
+
+void init_state(Shared* s, Kind kind, bool process_shared) {
+    pthread_mutexattr_t ma;
+    pthread_mutexattr_init(&ma);
+    if (process_shared) {
+        pthread_mutexattr_setpshared(&ma, PTHREAD_PROCESS_SHARED);
+        pthread_mutexattr_setrobust(&ma, PTHREAD_MUTEX_ROBUST);
+    }
+    if (kind == Kind::kMutex) pthread_mutexattr_settype(&ma, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&s->mutex, &ma);
+    pthread_mutexattr_destroy(&ma);
+    pthread_condattr_t ca;
+    pthread_condattr_init(&ca);
+    if (process_shared) pthread_condattr_setpshared(&ca, PTHREAD_PROCESS_SHARED);
+    pthread_condattr_setclock(&ca, CLOCK_MONOTONIC);
+    pthread_cond_init(&s->cond, &ca);
+    pthread_condattr_destroy(&ca);
+    s->signaled = 0;
+    s->ready.store(1, std::memory_order_release);
+}
+
+// "/tvk.<kind>.<name>" with every '/' of the name made '_' (a shared-memory name holds one '/').
+bool make_path(char const* name, Kind kind, char (&path)[256]) {
+    int n = std::snprintf(path, sizeof path, "/tvk.%s.", kind == Kind::kEvent ? "ev" : "mx");
+    for (char const* p = name; *p; ++p) {
+        if (n >= static_cast<int>(sizeof path) - 1) {
+            errno = ENAMETOOLONG;
+            return false;
+        }
+        path[n++] = *p == '/' ? '_' : *p;
+    }
+    path[n] = '\0';
+    return true;
+}
+
+// Waits (briefly) until a freshly created object has its size and its state.
+bool wait_initialised(int fd) {
+    for (int i = 0; i < 1000; ++i) {
+        struct stat st;
+        if (::fstat(fd, &st) == 0 && st.st_size >= static_cast<off_t>(sizeof(Shared))) return true;
+        ::usleep(1000);
+    }
+    errno = ETIMEDOUT;
+    return false;
+}
+
+}  // namespace
+
+Object* open(char const* name, Kind kind, bool create) {
+    auto* object = new Object;
+    if (!name) {
+        object->shared = new Shared;
+        init_state(object->shared, kind, false);
+        return object;
+    }
+    if (!make_path(name, kind, object->path)) {
+        delete object;
+        return nullptr;
+    }
+    bool created = false;
+    int fd = create ? ::shm_open(object->path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666) : -1;
+    if (fd >= 0) {
+        created = true;
+        ::fchmod(fd, 0666);  // any process of the machine may open it, whatever the umask
+        if (::ftruncate(fd, sizeof(Shared)) != 0) {
+            int e = errno;
+            ::close(fd);
+            ::shm_unlink(object->path);
+            delete object;
+            errno = e;
+            return nullptr;
+        }
+    } else if (!create || errno == EEXIST) {
+        fd = ::shm_open(object->path, O_RDWR | O_CLOEXEC, 0666);
+    }
+    if (fd < 0 || (!created && !wait_initialised(fd))) {
+        int e = errno;
+        if (fd >= 0) ::close(fd);
+        delete object;
+        errno = e;
+        return nullptr;
+    }
+    void* view = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (view == MAP_FAILED) {
+        int e = errno;
+        ::close(fd);
+        if (created) ::shm_unlink(object->path);
+        delete object;
+        errno = e;
+        return nullptr;
+    }
+    object->fd = fd;
+    object->shared = static_cast<Shared*>(view);
+    ::flock(fd, LOCK_SH);  // one more holder
+    if (created) {
+        init_state(object->shared, kind, true);
+    } else {
+        for (int i = 0; i < 1000 && object->shared->ready.load(std::memory_order_acquire) != 1; ++i) ::usleep(1000);
+    }
+    return object;
+}
+
+void close(Object* object) {
+    if (!object) return;
+    if (object->fd < 0) {
+        pthread_cond_destroy(&object->shared->cond);
+        pthread_mutex_destroy(&object->shared->mutex);
+        delete object->shared;
+    } else {
+        ::munmap(object->shared, sizeof(Shared));
+        // The last holder can take the lock exclusively: it removes the name.
+        if (::flock(object->fd, LOCK_EX | LOCK_NB) == 0) ::shm_unlink(object->path);
+        ::close(object->fd);
+    }
+    delete object;
+}
+
+int lock(Object* object, struct timespec const* deadline) {
+    int r = deadline ? pthread_mutex_timedlock(&object->shared->mutex, deadline)
+                     : pthread_mutex_lock(&object->shared->mutex);
+    if (r == EOWNERDEAD) {  // its owner died holding it: the state is ours to take over
+        pthread_mutex_consistent(&object->shared->mutex);
+        r = 0;
+    }
+    return r;
+}
+
+int try_lock(Object* object) {
+    int r = pthread_mutex_trylock(&object->shared->mutex);
+    if (r == EOWNERDEAD) {
+        pthread_mutex_consistent(&object->shared->mutex);
+        r = 0;
+    }
+    return r;
+}
+
+void unlock(Object* object) { pthread_mutex_unlock(&object->shared->mutex); }
+
+struct timespec deadline_in(unsigned int ms, clockid_t clock) {
+    struct timespec t;
+    ::clock_gettime(clock, &t);
+    t.tv_sec += ms / 1000;
+    t.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
+    if (t.tv_nsec >= 1000000000L) {
+        t.tv_sec += 1;
+        t.tv_nsec -= 1000000000L;
+    }
+    return t;
+}
+
+}  // namespace tarvik::named_sync

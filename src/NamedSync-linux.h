@@ -1,0 +1,43 @@
+// NamedSync-linux.h: synchronisation state that several processes share by name (Linux halves only).
+//
+// A named object is a small POSIX shared-memory object ("/tvk.<kind>.<name>") holding a process-shared,
+// robust pthread mutex, a condition variable on the monotonic clock and a signalled flag. Every holder keeps
+// a shared flock on it; the holder that closes last (its exclusive flock succeeds) removes the name, so the
+// object lives until its last handle closes, as a named kernel object does. An unnamed object is the same
+// state in this process's memory.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+
+namespace tarvik::named_sync {
+
+struct Shared {
+    std::atomic<int> ready;  // 1 once the creator has initialised the rest
+    int signaled;
+    pthread_mutex_t mutex;
+    pthread_cond_t cond;
+};
+
+enum class Kind { kEvent, kMutex };
+
+struct Object {
+    Shared* shared = nullptr;
+    int fd = -1;        // -1 for an unnamed object
+    char path[256] = {};
+};
+
+// Creates the object (unnamed when name is null); a named one is opened when it exists, or only opened
+// when `create` is false. Null on failure, with errno set.
+Object* open(char const* name, Kind kind, bool create);
+void close(Object* object);
+// Locks the object's mutex; a lock abandoned by a dead owner is taken over. `deadline` (CLOCK_REALTIME)
+// may be null. 0 when locked, else the error number (ETIMEDOUT on time-out).
+int lock(Object* object, struct timespec const* deadline);
+int try_lock(Object* object);
+void unlock(Object* object);
+// The absolute time `ms` milliseconds from now on the given clock.
+struct timespec deadline_in(unsigned int ms, clockid_t clock);
+
+}  // namespace tarvik::named_sync

@@ -1,0 +1,19 @@
+// SharedMemoryImpl.h: what a platform half of SharedMemory provides.
+//
+// Named areas shared by the processes of the machine, readable and writable by all of them, zero-filled
+// when new, alive until their last holder closes them. Failures return null / false with the system error
+// left for get_last_system_error_num().
+#pragma once
+
+namespace tarvik::shared_memory_impl {
+
+struct Handle;
+
+// Creates the area (`*created` true) or opens the existing one (`*created` false).
+Handle* open(char const* name, unsigned int size, bool* created);
+// Maps `size` bytes of the area for reading and writing.
+void* map(Handle* h, unsigned int size);
+bool unmap(void* view, unsigned int size);
+void close(Handle* h);
+
+}  // namespace tarvik::shared_memory_impl

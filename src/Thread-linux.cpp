@@ -1,0 +1,133 @@
+// Linux half of Thread and ThreadContext: pthreads, which start running at once, so a new thread first
+// waits at a gate until it is resumed; thread-local slots are pthread keys.
+#include "ThreadImpl.h"
+
+#include <pthread.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#include "LogUnit.h"
+
+TARVIK_LOG_UNIT()
+
+namespace tarvik::thread_impl {
+
+struct Handle {
+    std::mutex m;
+    std::condition_variable cv;
+    bool resumed = false;
+    bool cancelled = false;
+    bool ended = false;
+    std::atomic<unsigned long> tid{0};
+    void (*body)(void*) = nullptr;
+    void* arg = nullptr;
+    pthread_t thread{};
+    std::atomic<int> refs{2};  // the creator's and the thread's
+};
+
+namespace {
+
+void drop(Handle* h) {
+    if (h->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete h;
+}
+
+void* trampoline(void* p) {
+    auto* h = static_cast<Handle*>(p);
+    h->tid.store(static_cast<unsigned long>(::syscall(SYS_gettid)), std::memory_order_release);
+    bool run;
+    {
+        std::unique_lock<std::mutex> lock(h->m);
+        h->cv.wait(lock, [h] { return h->resumed || h->cancelled; });
+        run = !h->cancelled;
+    }
+    if (run) h->body(h->arg);
+    {
+        std::lock_guard<std::mutex> lock(h->m);
+        h->ended = true;
+    }
+    h->cv.notify_all();
+    drop(h);
+    return nullptr;
+}
+
+}  // namespace
+
+Handle* create_suspended(void (*body)(void*), void* arg) {
+    auto* h = new Handle;
+    h->body = body;
+    h->arg = arg;
+    int r = pthread_create(&h->thread, nullptr, trampoline, h);
+    if (r != 0) {
+        delete h;
+        errno = r;
+        return nullptr;
+    }
+    return h;
+}
+
+bool resume(Handle* h) {
+    {
+        std::lock_guard<std::mutex> lock(h->m);
+        if (h->cancelled) return false;
+        h->resumed = true;
+    }
+    h->cv.notify_all();
+    return true;
+}
+
+int wait_end(Handle* h, unsigned int ms) {
+    std::unique_lock<std::mutex> lock(h->m);
+    return h->cv.wait_for(lock, std::chrono::milliseconds(ms), [h] { return h->ended; }) ? 1 : 0;
+}
+
+bool has_ended(Handle* h) {
+    std::lock_guard<std::mutex> lock(h->m);
+    return h->ended;
+}
+
+unsigned long id(Handle* h) { return h->tid.load(std::memory_order_acquire); }
+
+void release(Handle* h) {
+    bool ended;
+    {
+        std::lock_guard<std::mutex> lock(h->m);
+        if (!h->resumed) h->cancelled = true;  // a thread never resumed ends without running its body
+        ended = h->ended;
+    }
+    h->cv.notify_all();
+    if (ended) {
+        pthread_join(h->thread, nullptr);
+    } else {
+        pthread_detach(h->thread);
+    }
+    drop(h);
+}
+
+void sleep_ms(unsigned int ms) { ::usleep(static_cast<useconds_t>(ms) * 1000); }
+
+bool slot_alloc(unsigned long* key) {
+    pthread_key_t k;
+    int r = pthread_key_create(&k, nullptr);
+    if (r != 0) {
+        errno = r;
+        return false;
+    }
+    *key = static_cast<unsigned long>(k);
+    return true;
+}
+
+void slot_free(unsigned long key) { pthread_key_delete(static_cast<pthread_key_t>(key)); }
+
+void* slot_get(unsigned long key) { return pthread_getspecific(static_cast<pthread_key_t>(key)); }
+
+bool slot_set(unsigned long key, void* value) {
+    return pthread_setspecific(static_cast<pthread_key_t>(key), value) == 0;
+}
+
+}  // namespace tarvik::thread_impl
