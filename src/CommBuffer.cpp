@@ -253,6 +253,7 @@ void CommBuffer::update_headers() {
 // --- raw bytes ----------------------------------------------------------------------------------------
 
 unsigned int CommBuffer::write_byte(unsigned char const* bytes, unsigned int n) {
+    if (n == 0) return 0;  // an empty blob has no content at all: nothing to copy from
     if (last_ && last_->capacity - last_->used >= n) {  // fits in the last page: the common case
         std::memcpy(last_->data() + last_->used, bytes, n);
         last_->used += n;
@@ -349,6 +350,33 @@ unsigned int CommBuffer::remaining() const {
     for (Page const* p = pos.page->next; p; p = p->next)
         if (p->used > kHeaderSize) left += p->used - kHeaderSize;
     return left > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<unsigned int>(left);
+}
+
+bool CommBuffer::remains(unsigned long long n) const {
+    if (n == 0) return true;
+    Pos pos = pos_;
+    if (!settle(pos, first_)) return false;
+    unsigned long long left = pos.page->used - pos.offset;
+    for (Page const* p = pos.page->next; p && left < n; p = p->next)
+        if (p->used > kHeaderSize) left += p->used - kHeaderSize;
+    return left >= n;
+}
+
+unsigned int CommBuffer::bytes_since(Pos const& before) const {
+    if (pos_.rewind_pending) return 0;
+    Pos from = before;
+    if (from.rewind_pending) {
+        from.page = first_;
+        from.offset = kHeaderSize;
+    }
+    unsigned long long n = 0;
+    for (Page const* p = from.page; p; p = p->next) {
+        unsigned int start = p == from.page ? from.offset : kHeaderSize;
+        unsigned int end = p == pos_.page ? pos_.offset : p->used;
+        if (end > start) n += end - start;
+        if (p == pos_.page) break;
+    }
+    return n > 0xFFFFFFFFull ? 0xFFFFFFFFu : static_cast<unsigned int>(n);
 }
 
 // --- integers -----------------------------------------------------------------------------------------
@@ -472,8 +500,9 @@ long CommBuffer::write(unsigned long long v) { return write_unsigned_(v); }
 
 long CommBuffer::read(bool& v) const {
     unsigned char b = 0;
-    if (next_byte_(b)) v = b != 0;
-    return 0;
+    if (!next_byte_(b)) return refuse_length_(1, 0);
+    v = b != 0;
+    return 1;
 }
 
 namespace {
@@ -584,7 +613,7 @@ long CommBuffer::read(double& v) const {
 
 long CommBuffer::refuse_length_(unsigned long long length, unsigned int left) const {
     TVK_LOG(LEVEL_ERR, "CommBuffer::read: corrupted! (invalid length %0, %1 bytes left)")
-        << static_cast<long long>(length) << left;
+        << length << left;
     return -1;
 }
 
@@ -605,8 +634,7 @@ long CommBuffer::write(AString const& v) {
 long CommBuffer::read(AString& v) const {
     unsigned long long length = 0;
     unsigned int n = read_unsigned_(length);
-    unsigned int left = remaining();
-    if (length > left) return refuse_length_(length, left);
+    if (!remains(length)) return refuse_length_(length, remaining());
     v.clear();
     if (length == 0) return n;
     char* dest = v.set_buffer(static_cast<unsigned int>(length));
@@ -624,8 +652,7 @@ long CommBuffer::write(String const& v) {
 long CommBuffer::read(String& v) const {
     unsigned long long count = 0;
     long n = read_unsigned_(count);
-    unsigned int left = remaining();
-    if (count > left) return refuse_length_(count, left);
+    if (!remains(count)) return refuse_length_(count, remaining());
     String text(v.get_allocator());
     WChar* units = text.allocate(static_cast<unsigned int>(count));
     for (unsigned long long i = 0; i < count; ++i) {
@@ -658,8 +685,7 @@ long CommBuffer::write(Blob const& v) {
 long CommBuffer::read(Blob& v) const {
     unsigned long long size = 0;
     unsigned int n = read_unsigned_(size);
-    unsigned int left = remaining();
-    if (size > left) return refuse_length_(size, left);
+    if (!remains(size)) return refuse_length_(size, remaining());
     v.clear();
     if (size == 0) return n;
     char* dest = v.set(static_cast<unsigned int>(size), static_cast<unsigned int>(size));
@@ -724,8 +750,7 @@ long CommBuffer::read(Symbol& v) const {
         v = Symbol();
         return consumed;
     }
-    unsigned int left = remaining();
-    if (static_cast<unsigned long long>(n) > size_ || static_cast<unsigned long long>(n) > left) {
+    if (static_cast<unsigned long long>(n) > size_ || !remains(static_cast<unsigned long long>(n))) {
         TVK_LOG(LEVEL_ERR, "CommBuffer::read_using_dictionary: corrupted! (invalid size %0)") << n;
         return -1;
     }

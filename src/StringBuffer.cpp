@@ -294,8 +294,7 @@ long StringBuffer::read(CommBuffer const& in) {
     unsigned int length = 0;
     long r = in.read(length);
     if (r < 0) return r;
-    unsigned int left = in.remaining();
-    if (length > left) return in.refuse_length_(length, left);
+    if (!in.remains(length)) return in.refuse_length_(length, in.remaining());
     long total = 0;
     while (length > 0) {
         unsigned int want = length < page_size_ ? length : page_size_;

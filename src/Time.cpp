@@ -598,13 +598,13 @@ long TimePeriod::write(CommBuffer& out) const {
 }
 
 long TimePeriod::read(CommBuffer const& in) {
-    unsigned int before = in.remaining();
+    CommBuffer::Pos before = in.get_pos();
     long long seconds = 0;
     int micro = 0;
     in.read(seconds);
     in.read(micro);
     time_period(static_cast<std::int64_t>(seconds), micro, false);
-    return static_cast<long>(before - in.remaining());
+    return static_cast<long>(in.bytes_since(before));
 }
 
 long TimeDate::write(CommBuffer& out) const { return (*this - epoch()).write(out); }

@@ -157,8 +157,13 @@ public:
     void rewind() const;
     Pos get_pos() const { return pos_; }
     void set_pos(Pos const& pos) const { pos_ = pos; }
-    // Value bytes left after the read position.
+    // Value bytes left after the read position. Walks every page after it: readers use remains().
     unsigned int remaining() const;
+    // Whether at least n value bytes are left after the read position; walks only the pages those bytes
+    // span, so checking a length costs no more than reading the value it announces.
+    bool remains(unsigned long long n) const;
+    // Value bytes read since `before`, a position taken earlier with get_pos().
+    unsigned int bytes_since(Pos const& before) const;
 
     // --- typed values (see the header comment) ------------------------------------------------------
     long write(bool v);
@@ -259,7 +264,7 @@ private:
     // 0 when it does not (then the general reader goes byte by byte across pages).
     unsigned int decode_here_(bool is_signed, unsigned long long& out) const {
         Page const* page = pos_.page;
-        if (pos_.rewind_pending || !page) return 0;
+        if (pos_.rewind_pending || !page || pos_.offset >= page->used) return 0;
         unsigned char const* p = page->data() + pos_.offset;
         unsigned int left = page->used - pos_.offset;
         if (left > 11) left = 11;
@@ -313,8 +318,7 @@ private:
     long read_items_(C& items, Add add) const {
         unsigned long long count = 0;
         read_unsigned_(count);
-        unsigned int left = remaining();
-        if (count > left) return refuse_length_(count, left);
+        if (!remains(count)) return refuse_length_(count, remaining());
         if (!enter_()) return -1;
         items.reserve(static_cast<unsigned int>(count));
         long total = 0;
