@@ -1,5 +1,6 @@
 #include "tarvik/Tuple.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -9,6 +10,7 @@
 #include "StringOps.h"
 #include "TupleText.h"
 #include "tarvik/CommBuffer.h"
+#include "tarvik/GlobVar.h"
 #include "tarvik/IOBStream.h"
 
 TARVIK_LOG_UNIT()
@@ -433,7 +435,45 @@ OBStream& operator<<(OBStream& out, Tuple const& tuple) { return out << tuple.to
 
 // --- binary form ----------------------------------------------------------------------------------------
 
+namespace {
+
+// "TVK.COMM" "REQUESTS.XML.SAVE": when not 0, ASCII request buffers are saved as debug dumps.
+GlobVarInt& requests_xml_save() {
+    static GlobVarInt* const variable = new GlobVarInt(Symbol("TVK.COMM"), Symbol("REQUESTS.XML.SAVE"), 0);
+    return *variable;
+}
+[[maybe_unused]] GlobVarInt& requests_xml_save_at_load = requests_xml_save();
+
+std::atomic<unsigned int> debug_dump_counter{0};
+
+void save_debug_dump(CommBuffer const& buffer, char const* direction) {
+    if (requests_xml_save().get() == 0) return;
+    CommBuffer& pages = const_cast<CommBuffer&>(buffer);  // headers and flags are refreshed, not the content
+    pages.update_ascii_flags();
+    pages.update_headers();
+    AString name;
+    name.Format("./debug-req-%05u-%s.txt", debug_dump_counter.fetch_add(1), direction);
+    AString text = buffer.to_string();
+    OBStream out(Path(name), false, false);
+    if (!out.is_open()) {
+        TVK_LOG(LEVEL_ERR, "CANNOT WRITE DEBUG DUMP '%0'") << name;
+        return;
+    }
+    out.put(text.c_str(), text.length());
+}
+
+}  // namespace
+
 long Tuple::write(CommBuffer& out) const {
+    if (out.is_ascii()) {
+        long r;
+        {
+            OBStream xml(out, true);
+            r = write_xml(xml);
+        }
+        save_debug_dump(out, "write");
+        return r;
+    }
     long total = out.write(class_name_);
     for (Value const* v = first_; v; v = v->next_) {
         TypeManager const* manager = TypeManager::find(v->get_type());
@@ -446,6 +486,15 @@ long Tuple::write(CommBuffer& out) const {
 }
 
 long Tuple::read(CommBuffer const& in) {
+    if (in.is_ascii()) {
+        long r;
+        {
+            IBStream xml(in);
+            r = read_xml(xml);
+        }
+        save_debug_dump(in, "read");
+        return r;
+    }
     Symbol class_name;
     long total = in.read(class_name);
     if (total < 0) return total;

@@ -6,6 +6,7 @@
 
 #include "LogUnit.h"
 #include "TupleText.h"
+#include "TupleXml.h"
 #include "tarvik/Blob.h"
 #include "tarvik/CommBuffer.h"
 #include "tarvik/String.h"
@@ -76,6 +77,10 @@ public:
         }
     }
     long read(CommBuffer const& in, void* value) const override { return in.read(*static_cast<T*>(value)); }
+    void write_xml(OBStream& out, void const* value) const override {
+        tuple_xml::write(out, *static_cast<T const*>(value));
+    }
+    bool read_xml(XmlParser& in, void* value) const override { return tuple_xml::read(in, *static_cast<T*>(value)); }
     void write_text(AString& out, void const* value) const override {
         tuple_text::write(out, *static_cast<T const*>(value));
     }

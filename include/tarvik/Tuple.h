@@ -68,6 +68,24 @@
 //   text is well formed (nesting at most 128 deep); otherwise it logs "TUPLE TEXT: %0 AT %1 IN '%2'" at
 //   ERR and returns false.
 //
+// XML form (Tuple::write_xml / read_xml, and what an ASCII CommBuffer carries):
+//   <t n="order">                               a tuple: class name in n
+//       <i a="id">7</i>                         a value: element named by its kind's code, name in a
+//       <las a="tags"><z>a</z><z/></las>        list and array items are z elements; <z/> an empty one
+//       <lai a="grid"><z><z>1</z></z></lai>      a list of arrays: items holding items
+//       <t a="owner" n="user">...</t>           a nested tuple: name in a, class in n
+//       <lt a="people"><t n="user">...</t></lt> a list of tuples: t elements in lt
+//   </t>
+// Value texts: b true/false; i l decimal; f d the shortest decimal that reads back exactly, inf, -inf, nan;
+// as sb ss the text; s the text in UTF-8; bb base64; tp the period's full-precision text, with "-" in front
+// of a negative period's opposite; td "Y:MM:DDTHH:MM:SS.mmm", and when the date has microseconds that
+// milliseconds cannot hold, the attribute us="microseconds" as well. In texts and attribute values the
+// characters & < > ' " are entities and line feed, carriage return, vertical tab and form feed are character
+// references (so indentation never reaches inside a value); other characters below 32 except tab are
+// dropped, as in every XML text of the library. Malformed input logs "CLASS NAME EXPECTED %0 %1" (a t
+// without n), "ATT NAME EXPECTED %0 %1" (a value without a), "MARKUP %0 EXPECTED %1", or the parser's
+// "XML: %0 AT LINE %1 COLUMN %2" (see Parser.h), and reading fails.
+//
 // Thread safety: a tuple is used by one thread at a time.
 #pragma once
 
@@ -264,12 +282,25 @@ public:
     bool from_string(char const* text);
     AString format(char const* text) const;
 
+    // XML form (see the header comment): write_xml writes the t element (a text-mode stream indents it) and
+    // returns the number of attributes; read_xml reads one from the stream, replacing the tuple only when it
+    // is well formed, and returns the number of attributes or -1. The Path forms write the file form (the
+    // XML declaration, a line feed, the tuple) and read it back; -1000002 when the file cannot be opened.
+    long write_xml(OBStream& out) const;
+    long read_xml(IBStream& in);
+    long write_xml(Path const& path) const;
+    long read_xml(Path const& path);
+
     // Binary form in a CommBuffer: the class name, then per attribute its kind number (signed form), its
     // name and its value, then the end mark 1 (bytes 01 80); names go through the buffer's dictionary.
     // write returns the bytes written; read replaces the tuple from the read position and returns the bytes
     // read, or a negative value: a class name that cannot be read leaves the tuple untouched; an attribute
     // whose name cannot be read logs "READ INVALID ATT IN COMM BUFFER type=%0 r=%1 att=%2", an unknown kind
     // "READ %0 INVALID TYPE IN COMM BUFFER" (attributes read so far stay).
+    // An ASCII buffer (CommBuffer::is_ascii()) carries the tuple's XML text instead, and the result is that of
+    // the XML writing / reading; when the global variable "TVK.COMM" "REQUESTS.XML.SAVE" is not 0, each such
+    // write and read also saves the buffer's text (headers included) to "./debug-req-NNNNN-write.txt" /
+    // "./debug-req-NNNNN-read.txt", numbered by one process-wide counter from 00000.
     long write(CommBuffer& out) const;
     long read(CommBuffer const& in);
 

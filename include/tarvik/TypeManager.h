@@ -44,6 +44,7 @@ class Tuple;
 class TimePeriod;
 class TimeDate;
 class TupleTextReader;
+class XmlParser;
 
 enum Types : int {
     T_NONE = 0,
@@ -134,6 +135,11 @@ public:
     // The kind's binary form in a CommBuffer: the bytes written; the bytes read or a negative value.
     virtual long write(CommBuffer& out, void const* value) const = 0;
     virtual long read(CommBuffer const& in, void* value) const = 0;
+
+    // The kind's XML form: the content of its element (the caller writes the element), and reading that
+    // content up to the element's end tag (false after failing the parser).
+    virtual void write_xml(OBStream& out, void const* value) const = 0;
+    virtual bool read_xml(XmlParser& in, void* value) const = 0;
 
     // The kind's form inside a tuple's text (Tuple::to_string / from_string).
     virtual void write_text(AString& out, void const* value) const = 0;

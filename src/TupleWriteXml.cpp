@@ -1,0 +1,194 @@
+// The XML writers of tuples and of every value kind.
+#include "tarvik/Tuple.h"
+
+#include <charconv>
+#include <cmath>
+
+#include "LogUnit.h"
+#include "TupleXml.h"
+#include "tarvik/IOBStream.h"
+
+TARVIK_LOG_UNIT()
+
+namespace tarvik {
+
+namespace tuple_xml {
+
+namespace {
+
+// Writes text with the markup characters as entities. Line feeds, carriage returns, vertical tabs and form
+// feeds become character references, so that a text-mode stream neither indents inside a value nor turns
+// its line ends into CR LF; tabs stay; other characters below 32 are dropped, as in every XML text of the
+// library.
+void escaped(OBStream& out, char const* data, unsigned int n) {
+    unsigned int run = 0;
+    auto flush = [&](unsigned int i) {
+        if (i > run) out.put(data + run, i - run);
+        run = i + 1;
+    };
+    for (unsigned int i = 0; i < n; ++i) {
+        auto c = static_cast<unsigned char>(data[i]);
+        char const* entity = nullptr;
+        switch (c) {
+            case '&': entity = "&amp;"; break;
+            case '<': entity = "&lt;"; break;
+            case '>': entity = "&gt;"; break;
+            case '\'': entity = "&apos;"; break;
+            case '"': entity = "&quot;"; break;
+            case '\n': entity = "&#10;"; break;
+            case '\r': entity = "&#13;"; break;
+            case '\v': entity = "&#11;"; break;
+            case '\f': entity = "&#12;"; break;
+            default:
+                if (c >= 32 || c == '\t') continue;
+                flush(i);  // dropped
+                continue;
+        }
+        flush(i);
+        out.put(entity);
+    }
+    flush(n);
+}
+
+void escaped(OBStream& out, AString const& text) { escaped(out, text.c_str(), text.length()); }
+
+template <class F>
+void floating(OBStream& out, F v) {
+    if (std::isnan(v)) {
+        out.put("nan");
+    } else if (std::isinf(v)) {
+        out.put(v < 0 ? "-inf" : "inf");
+    } else {
+        char text[64];
+        auto r = std::to_chars(text, text + sizeof text, v);
+        out.put(text, static_cast<unsigned int>(r.ptr - text));
+    }
+}
+
+template <class I>
+void integer(OBStream& out, I v) {
+    char text[24];
+    auto r = std::to_chars(text, text + sizeof text, v);
+    out.put(text, static_cast<unsigned int>(r.ptr - text));
+}
+
+void start_value(OBStream& out, char const* code, AString const& name) {
+    out.put('<');
+    out.put(code);
+    out.put(" a=\"");
+    escaped(out, name);
+    out.put('"');
+}
+
+void write_tuple_element(OBStream& out, Tuple const& t, AString const* name) {
+    out.put("<t");
+    if (name) {
+        out.put(" a=\"");
+        escaped(out, *name);
+        out.put('"');
+    }
+    out.put(" n=\"");
+    escaped(out, t.get_class_name().get_name());
+    out.put("\">");
+    if (t.is_empty()) {
+        out.put("</t>");
+        return;
+    }
+    out.indent(1);
+    write(out, t);
+    out.unindent(1);
+    out.put("\n</t>");
+}
+
+}  // namespace
+
+void write(OBStream& out, bool v) { out.put(v ? "true" : "false"); }
+void write(OBStream& out, int v) { integer(out, v); }
+void write(OBStream& out, std::int64_t v) { integer(out, v); }
+void write(OBStream& out, float v) { floating(out, v); }
+void write(OBStream& out, double v) { floating(out, v); }
+void write(OBStream& out, AString const& v) { escaped(out, v); }
+
+void write(OBStream& out, String const& v) {
+    AString utf8;
+    EncodeToUTF8(v, utf8);
+    escaped(out, utf8);
+}
+
+void write(OBStream& out, Blob const& v) { v.write_xml(out); }
+
+void write(OBStream& out, TimePeriod const& v) {
+    // The period's own full-precision text, which has no sign: a negative period is "-" and its opposite.
+    if (v < TimePeriod()) {
+        out.put('-');
+        out << (-v).to_string_full_precision();
+    } else {
+        out << v.to_string_full_precision();
+    }
+}
+
+void write(OBStream& out, TimeDate const& v) { v.write_xml(out); }
+
+void date_attributes(OBStream& out, TimeDate const& v) {
+    int micro = v.get_microsecond();
+    if (micro % 1000 == 0) return;
+    out.put(" us=\"");
+    integer(out, micro);
+    out.put('"');
+}
+
+void write(OBStream& out, StringBuffer const& v) {
+    AString bytes;
+    v.c_str(bytes);
+    escaped(out, bytes);
+}
+
+void write(OBStream& out, Symbol const& v) { escaped(out, v.get_name()); }
+
+void write(OBStream& out, Tuple const& t) {
+    for (Tuple::Value const* v = t.first(); v; v = v->get_next()) {
+        TypeManager const* manager = TypeManager::find(v->get_type());
+        if (!manager) continue;
+        AString const& name = v->get_symbol().get_name();
+        out.put('\n');
+        if (v->get_type() == T_TUPLE) {
+            write_tuple_element(out, *static_cast<Tuple const*>(v->get_pvalue()), &name);
+            continue;
+        }
+        start_value(out, manager->get_code(), name);
+        if (v->get_type() == T_TIME_DATE) date_attributes(out, *static_cast<TimeDate const*>(v->get_pvalue()));
+        out.put('>');
+        manager->write_xml(out, v->get_pvalue());
+        out.put("</");
+        out.put(manager->get_code());
+        out.put('>');
+    }
+}
+
+void write(OBStream& out, ListTuple const& v) {
+    out.indent(1);
+    for (Tuple const& t : v) {
+        out.put('\n');
+        write_tuple_element(out, t, nullptr);
+    }
+    out.unindent(1);
+    if (!v.is_empty()) out.put('\n');
+}
+
+}  // namespace tuple_xml
+
+long Tuple::write_xml(OBStream& out) const {
+    tuple_xml::write_tuple_element(out, *this, nullptr);
+    return get_count();
+}
+
+long Tuple::write_xml(Path const& path) const {
+    OBStream out(path, false, true);
+    if (!out.is_open()) return kCannotOpenFile;
+    out.put("<?xml version=\"1.0\" encoding=\"utf-8\" standalone=\"yes\"?>\n");
+    long n = write_xml(out);
+    out.put('\n');
+    return n;
+}
+
+}  // namespace tarvik
