@@ -1,9 +1,15 @@
 #include "tarvik/GlobVar.h"
 
 #include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
 
 #include "LogUnit.h"
 #include "tarvik/CriticalSection.h"
+#include "tarvik/IOBStream.h"
+#include "tarvik/Log.h"
+#include "tarvik/Parser.h"
 #include "tarvik/Path.h"
 
 TARVIK_LOG_UNIT()
@@ -165,6 +171,95 @@ int GlobVar::set_(Symbol const& module, Symbol const& name, Kind kind, int value
     CriticalSectionHolder hold(r.lock);
     GlobVarEntry* e = r.find_entry(module, name, kind);
     return e ? e->value.exchange(value, std::memory_order_relaxed) : 0;
+}
+
+// --- loading from INI text -------------------------------------------------------------------------------
+
+namespace {
+
+bool parse_int(AString const& text, int& out) {
+    char* end = nullptr;
+    errno = 0;
+    long v = std::strtol(text.c_str(), &end, 10);
+    if (text.is_empty() || *end != '\0' || errno == ERANGE || v < INT_MIN || v > INT_MAX) return false;
+    out = static_cast<int>(v);
+    return true;
+}
+
+bool parse_bool(AString const& text, int& out) {
+    AString t(text);
+    t.make_lower();
+    if (t == "true" || t == "yes" || t == "on" || t == "1") return (out = 1, true);
+    if (t == "false" || t == "no" || t == "off" || t == "0") return (out = 0, true);
+    return false;
+}
+
+bool parse_level(AString const& text, int& out) {
+    if (parse_int(text, out)) return true;
+    for (int level = 0; level <= 6; ++level) {
+        if (text.CompareNoCase(level_name(level)) == 0) return (out = level, true);
+    }
+    return false;
+}
+
+struct IniEntry {
+    AString section;
+    AString key;
+    AString value;
+    unsigned int line;
+};
+
+}  // namespace
+
+int GlobVar::load_ini(IBStream& in, char const* source_name) {
+    // The whole text is parsed first, so that malformed text sets nothing.
+    List<IniEntry> entries;
+    IniParser parser(in);
+    for (IniParser::Event e; (e = parser.next()) != IniParser::kDone;) {
+        if (e == IniParser::kError) return -1;
+        if (e == IniParser::kEntry) entries.push_back(IniEntry{parser.section(), parser.key(), parser.value(), parser.line()});
+    }
+    char const* source = source_name ? source_name : "";
+    int set = 0;
+    for (IniEntry const& entry : entries) {
+        Symbol module(entry.section);
+        Symbol name(entry.key);
+        bool known = false;
+        bool applied = false;
+        for (Kind kind : {KIND_BOOL, KIND_INT, KIND_LOG}) {
+            GlobVarEntry* e;
+            {
+                Registry& r = registry();
+                CriticalSectionHolder hold(r.lock);
+                e = r.find_entry(module, name, kind);
+                if (!e) continue;
+                known = true;
+                int value;
+                bool ok = kind == KIND_INT ? parse_int(entry.value, value)
+                          : kind == KIND_BOOL ? parse_bool(entry.value, value)
+                                              : parse_level(entry.value, value);
+                if (!ok) continue;
+                e->value.store(value, std::memory_order_relaxed);
+                applied = true;
+            }
+        }
+        if (!known) {
+            TVK_LOG(LEVEL_WARN, "UNKNOWN GLOBAL VARIABLE [%0] %1 (%2 LINE %3)") << entry.section << entry.key << source
+                                                                                << entry.line;
+        } else if (!applied) {
+            TVK_LOG(LEVEL_ERR, "BAD VALUE '%0' FOR [%1] %2 (%3 LINE %4)") << entry.value << entry.section << entry.key
+                                                                           << source << entry.line;
+        } else {
+            ++set;
+        }
+    }
+    return set;
+}
+
+int GlobVar::load_ini(Path const& path) {
+    IBStream in(path, true);
+    if (!in.is_open()) return static_cast<int>(kCannotOpenFile);
+    return load_ini(in, path.c_str());
 }
 
 // --- GlobVarInt / GlobVarBool -----------------------------------------------------------------------

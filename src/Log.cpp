@@ -1,13 +1,12 @@
 #include "tarvik/Log.h"
 
-#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 
-#include "Console.h"
 #include "LogUnit.h"
 #include "tarvik/Blob.h"
 #include "tarvik/IOBStream.h"
+#include "tarvik/LogHook.h"
 #include "tarvik/Path.h"
 #include "tarvik/String.h"
 #include "tarvik/StringBuffer.h"
@@ -25,77 +24,32 @@ char const* level_name(int level) {
     return level >= 0 && level <= 6 ? names[level] : "???";
 }
 
-namespace {
-
-constexpr int kLineWidth = 132;
-
-// The time of day, UTC, as "HH:MM:SS.mmm".
-AString time_of_day() {
-    using namespace std::chrono;
-    auto now = time_point_cast<milliseconds>(system_clock::now()).time_since_epoch().count();
-    long long ms_of_day = now % 86400000LL;
-    if (ms_of_day < 0) ms_of_day += 86400000LL;
-    AString text;
-    text.Format("%02lld:%02lld:%02lld.%03lld", ms_of_day / 3600000, ms_of_day / 60000 % 60, ms_of_day / 1000 % 60,
-                ms_of_day % 1000);
-    return text;
-}
-
-// Writes text with the log line's escapes: a line feed continues on a new line indented by `indent`
-// spaces, a carriage return prints as "\r", a backslash as "\\", and a line reaching the width wraps.
-void write_escaped(OBStream& out, AString const& text, int indent) {
-    auto new_line = [&] {
-        out.put('\n');
-        for (int i = 0; i < indent; ++i) out.put(' ');
-    };
-    for (unsigned int i = 0; i < text.length(); ++i) {
-        char c = text.c_str()[i];
-        if (out.get_current_col() >= kLineWidth - 2) new_line();
-        switch (c) {
-            case '\n': new_line(); break;
-            case '\r': out.put("\\r"); break;
-            case '\\': out.put("\\\\"); break;
-            default: out.put(c);
-        }
-    }
-}
-
-}  // namespace
-
 // --- building ---------------------------------------------------------------------------------------------
 
 Log::Log(char const* key, LOG_LEVEL level, char const* module, char const* unit, int line)
     : level_(level), key_(key), module_(module), unit_(unit), line_(line) {}
 
 Log::~Log() {
-    Array<OBStreamFormatArg> args;
+    static Symbol const* const names = new Symbol[8]{Symbol("key"),    Symbol("level"), Symbol(""),
+                                                     Symbol("time"),   Symbol("module"), Symbol("unit"),
+                                                     Symbol("line"),   Symbol("thread")};
+    Tuple record;
+    record.set_astring(names[0], key_ ? key_ : "");
+    record.set_int(names[1], level_);
+    ListAString& args = record.set_list_astring(names[2]);
+    record.set_time_date(names[3], TimeDate::now());
+    if (module_) record.set_astring(names[4], module_);
+    if (unit_) record.set_astring(names[5], unit_);
+    if (line_ != 0) record.set_int(names[6], line_);
+    record.set_long(names[7], static_cast<std::int64_t>(get_current_thread_id()));
     for (Arg* a = head_; a;) {
-        OBStreamFormatArg& arg = args.emplace_back();
-        arg.position = args.size() - 1;
-        arg.type = OBStreamFormatArg::T_TEXT;
-        arg.text.splice(a->text);
+        args.emplace_back().splice(a->text);
         Arg* next = a->next;
         delete a;
         a = next;
     }
     head_ = tail_ = nullptr;
-    AString message;
-    OBStreamFormat::format_to(message, key_ ? key_ : "", args);
-
-    AString line;
-    {
-        OBStream out(line, true);
-        out << time_of_day() << '\t';
-        int indent = out.get_current_col();
-        out << level_name(level_) << '|' << (module_ ? module_ : "") << '|' << (unit_ ? unit_ : "") << '|' << line_
-            << '|' << reinterpret_cast<void const*>(static_cast<std::uintptr_t>(get_current_thread_id())) << "||";
-        write_escaped(out, message, indent);
-        out << '\n';
-    }
-    CriticalSectionHolder hold(console_lock());
-    OBStream& console = bcout();
-    console.put(line.c_str(), line.length());
-    console.flush();
+    LogHook::dispatch(record);
 }
 
 Log& Log::push_(AString&& text) {

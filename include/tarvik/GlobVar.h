@@ -15,6 +15,14 @@
 // "BLOB"). Its effective level is the largest of its own level, its module's default level and the
 // process-wide default level.
 //
+// Loading from a file (GlobVar::load_ini): an INI file whose sections name modules and whose keys name
+// variables sets the variables that exist: an integer variable takes a decimal integer, a boolean one
+// true/false, yes/no, on/off or 1/0, a log level a number or a level name (OK, FATAL, ERR, WARN, INFO, LOG,
+// DEBUG). When one name exists under several kinds, each kind whose form the value has is set. A name that
+// no variable has is reported ("UNKNOWN GLOBAL VARIABLE [%0] %1 (%2 LINE %3)" at WARN) and not created; a
+// value of the wrong form is reported ("BAD VALUE '%0' FOR [%1] %2 (%3 LINE %4)" at ERR) and skipped. A file
+// that cannot be read or parsed sets nothing.
+//
 // Thread safety: binding, release and every static operation take the registry's lock. Instance get/set
 // read and write the bound entry without a lock: single-word atomic accesses, so no torn value, but an
 // increment racing with a set may lose one of them.
@@ -39,6 +47,11 @@ public:
     // Appends every module name, newest first. Returns 0 whatever the number of modules (the count is
     // deliberately not computed here, unlike get_names).
     static int get_modules(SymbolList& out);
+
+    // Sets variables from INI text (see the header comment): the number of variables set, or -1 (nothing
+    // set) when the text cannot be read or parsed; -1000002 when the file cannot be opened.
+    static int load_ini(Path const& path);
+    static int load_ini(IBStream& in, char const* source_name);
 
     enum Kind { KIND_BOOL = 0, KIND_INT = 1, KIND_LOG = 2 };
 
@@ -132,5 +145,9 @@ public:
     // The variable name a source path gives: "src/Blob-linux.cpp" -> "BLOB-LINUX".
     static AString name_of_source(char const* source_path);
 };
+
+// Library start: builds the table of value-kind managers (the first lookup builds it) and makes the
+// library's transports available. Returns 1; calling it again does no more than the lookup.
+TARVIK_EXPORT int init();
 
 }  // namespace tarvik

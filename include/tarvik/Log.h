@@ -7,8 +7,8 @@
 //
 // The key is the message text with numbered placeholders "%0", "%1", ...; each operator<< appends exactly
 // one argument (converted to text at once), whatever its kind, and argument i fills placeholder i. The
-// destructor turns what was collected into a record and delivers it. Until log hooks are installed the
-// record is printed on standard output as one line:
+// destructor turns what was collected into a record, a Tuple, and hands it to the registered log hooks
+// (LogHook.h); without any hook the record is printed on standard output as one line:
 //
 //     14:25:01.123<TAB>ERR|TVK|BLOB|118|1a2b||CANNOT OPEN(R) FILE 'x' [#2.No such file or directory]
 //

@@ -16,6 +16,7 @@
 #include "tarvik/List.h"
 #include "tarvik/ListAllocator.h"
 #include "tarvik/Log.h"
+#include "tarvik/LogHook.h"
 #include "tarvik/Mutex.h"
 #include "tarvik/Parser.h"
 #include "tarvik/Path.h"
