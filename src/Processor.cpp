@@ -146,7 +146,7 @@ public:
 
     // Worker side.
     bool paused() const { return paused_.load(); }
-    AutoRef<Action> take_next();
+    AutoRef<Action> take_next(Worker* worker);
     void run_action(AutoRef<Action> const& action);
     void finished(AutoRef<Action> const& action);
     void set_free(Worker* worker, bool free);
@@ -172,6 +172,8 @@ private:
     List<Worker*> threads_;
     List<Worker*> gone_;  // workers whose run() has returned, deleted (joined) by another thread
     std::atomic<bool> paused_{false};
+    std::atomic<int> idle_waiters_{0};    // callers inside wait_idle
+    std::atomic<int> action_waiters_{0};  // callers inside wait_action
 };
 
 // A worker thread: takes actions from its processor until asked to stop.
@@ -185,10 +187,9 @@ public:
             processor_->work().wait(TimePeriod(0, kWorkWaitMs, true));
             bool ran = true;
             while (!stop_flag_.load() && !processor_->paused() && ran) {
-                AutoRef<Action> action = processor_->take_next();
+                AutoRef<Action> action = processor_->take_next(this);
                 ran = static_cast<bool>(action);
                 if (!ran) break;
-                processor_->set_free(this, false);
                 processor_->run_action(action);
                 processor_->finished(action);
                 processor_->set_free(this, true);
@@ -223,15 +224,16 @@ void ProcessorImpl::submit(AutoRef<Action> const& action) {
 void ProcessorImpl::check_free_thread() {
     CriticalSectionHolder hold(thread_lock_);
     int submitted;
+    int running;
     {
-        // Read under the action lock taken alone: the thread lock is held, the action lock nests inside it
-        // only for this read, never the other way round.
+        // The action lock nests inside the thread lock (never the other way round).
         CriticalSectionHolder read(action_lock_);
         submitted = nb_submitted_action_;
+        running = nb_running_;
     }
     if (tvk_log() > 2)
         TVK_LOG(LEVEL_LOG, "Check free thread nb_free_threads=%0 nb_submitted_action=%1 (nb_running=%2)")
-            << nb_free_threads_ << submitted << nb_running_;
+            << nb_free_threads_ << submitted << running;
     if (submitted <= nb_free_threads_) return;
     int count = static_cast<int>(threads_.size());
     if (max_threads_ != 0 && count >= max_threads_) return;
@@ -243,15 +245,32 @@ void ProcessorImpl::check_free_thread() {
     worker->start();
 }
 
-AutoRef<Action> ProcessorImpl::take_next() {
-    CriticalSectionHolder hold(action_lock_);
-    if (submitted_.is_empty()) return AutoRef<Action>();
-    AutoRef<Action> action = submitted_.front();
-    submitted_.pop_front();
-    --nb_submitted_action_;
-    action->unsubmit();
-    running_.push_back(action);
-    ++nb_running_;
+// Taking an action and marking the worker busy are one step under the thread lock, so that a submission
+// checking for an idle thread sees both or neither. Otherwise a submission falling between them would count
+// this worker as idle, start no thread, and leave its action queued behind the one just taken.
+AutoRef<Action> ProcessorImpl::take_next(Worker* worker) {
+    CriticalSectionHolder busy(thread_lock_);
+    AutoRef<Action> action;
+    bool more;
+    {
+        CriticalSectionHolder hold(action_lock_);
+        if (submitted_.is_empty()) return action;
+        action = submitted_.front();
+        submitted_.pop_front();
+        --nb_submitted_action_;
+        action->unsubmit();
+        running_.push_back(action);
+        ++nb_running_;
+        more = !submitted_.is_empty();
+    }
+    if (worker->is_free()) {
+        worker->set_free_flag(false);
+        --nb_free_threads_;
+    }
+    // The work event does not count its signals: submissions made before any worker woke leave a single
+    // signal, taken by the one worker that got here. Pass it on so another idle worker takes the next action
+    // now rather than at the end of its 500 ms wait.
+    if (more) work_.signal();
     return action;
 }
 
@@ -271,6 +290,7 @@ void ProcessorImpl::finished(AutoRef<Action> const& action) {
     if (tvk_log() > 2)
         TVK_LOG(LEVEL_LOG, "Try remove action %0 from processor %1 running=%2")
             << static_cast<void const*>(action.get()) << static_cast<void const*>(owner_) << running_count();
+    bool idle;
     {
         CriticalSectionHolder hold(action_lock_);
         for (auto i = running_.begin(); i != running_.end(); ++i) {
@@ -280,12 +300,14 @@ void ProcessorImpl::finished(AutoRef<Action> const& action) {
                 break;
             }
         }
+        idle = running_.is_empty() && (paused_.load() || submitted_.is_empty());
     }
     if (tvk_log() >= 3)
         TVK_LOG(LEVEL_LOG, "Remove action %0 from processor %1 running=%2")
             << static_cast<void const*>(action.get()) << static_cast<void const*>(owner_) << running_count();
     work_.signal();
-    changed_.signal();
+    // Waiters are woken only when one waits for this: an action to finish, or the processor to be idle.
+    if (action_waiters_.load() > 0 || (idle && idle_waiters_.load() > 0)) changed_.signal();
 }
 
 void ProcessorImpl::set_free(Worker* worker, bool free) {
@@ -355,7 +377,20 @@ bool ProcessorImpl::busy() {
     return (!paused_.load() && !submitted_.is_empty()) || !running_.is_empty();
 }
 
+// Counts a caller as waiting for as long as it is in scope.
+class WaiterCount {
+public:
+    explicit WaiterCount(std::atomic<int>& count) : count_(count) { count_.fetch_add(1); }
+    ~WaiterCount() { count_.fetch_sub(1); }
+    WaiterCount(WaiterCount const&) = delete;
+    WaiterCount& operator=(WaiterCount const&) = delete;
+
+private:
+    std::atomic<int>& count_;
+};
+
 void ProcessorImpl::wait_idle(int limit_ms) {
+    WaiterCount counted(idle_waiters_);
     auto const start = std::chrono::steady_clock::now();
     while (busy()) {
         int wait_ms = 1000;
@@ -370,6 +405,7 @@ void ProcessorImpl::wait_idle(int limit_ms) {
 }
 
 int ProcessorImpl::wait_action(AutoRef<Action> const& action, int timeout_ms) {
+    WaiterCount counted(action_waiters_);
     auto const start = std::chrono::steady_clock::now();
     for (;;) {
         bool pending = false;

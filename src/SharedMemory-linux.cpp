@@ -1,6 +1,9 @@
 // Linux half of SharedMemory: POSIX shared memory ("/tvk.shm.<name>"). Every holder keeps a shared flock
 // on the object; the holder that closes last (its exclusive flock succeeds) removes the name, so the area
-// lives until its last handle closes.
+// lives until its last handle closes. An opener can race with that last close: it may open the object just
+// before its name is removed, or find the name gone between seeing it exist and opening it. So once it
+// holds its shared lock (from then on no close can remove the name) it checks that the name still refers
+// to the object it opened, and starts over when not.
 #include "SharedMemoryImpl.h"
 
 #include <fcntl.h>
@@ -38,6 +41,28 @@ bool make_path(char const* name, char (&path)[256]) {
     return true;
 }
 
+// Whether `path` still names the object open on `fd`.
+bool names(char const* path, int fd) {
+    int other = ::shm_open(path, O_RDONLY | O_CLOEXEC, 0);
+    if (other < 0) return false;
+    struct stat mine {};
+    struct stat named {};
+    bool same = ::fstat(fd, &mine) == 0 && ::fstat(other, &named) == 0 && mine.st_dev == named.st_dev &&
+                mine.st_ino == named.st_ino;
+    ::close(other);
+    return same;
+}
+
+int lock_shared(int fd) {
+    int r;
+    do {
+        r = ::flock(fd, LOCK_SH);
+    } while (r != 0 && errno == EINTR);
+    return r;
+}
+
+constexpr int kOpenAttempts = 1000;
+
 }  // namespace
 
 Handle* open(char const* name, unsigned int size, bool* created) {
@@ -48,29 +73,40 @@ Handle* open(char const* name, unsigned int size, bool* created) {
         delete h;
         return nullptr;
     }
-    h->fd = ::shm_open(h->path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (h->fd >= 0) {
-        ::fchmod(h->fd, 0666);
-        if (::ftruncate(h->fd, size) != 0) {
-            int e = errno;
-            ::close(h->fd);
-            ::shm_unlink(h->path);
-            delete h;
-            errno = e;
-            return nullptr;
+    for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+        bool made = true;
+        h->fd = ::shm_open(h->path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (h->fd < 0 && errno == EEXIST) {
+            made = false;
+            h->fd = ::shm_open(h->path, O_RDWR | O_CLOEXEC, 0666);
+            if (h->fd < 0 && errno == ENOENT) continue;  // its last holder removed it meanwhile
         }
-        *created = true;
-    } else if (errno == EEXIST) {
-        h->fd = ::shm_open(h->path, O_RDWR | O_CLOEXEC, 0666);
+        if (h->fd < 0) break;
+        if (made) {
+            ::fchmod(h->fd, 0666);
+            if (::ftruncate(h->fd, size) != 0) {
+                int e = errno;
+                ::close(h->fd);
+                ::shm_unlink(h->path);
+                delete h;
+                errno = e;
+                return nullptr;
+            }
+        }
+        if (lock_shared(h->fd) != 0) break;
+        if (names(h->path, h->fd)) {
+            *created = made;
+            return h;
+        }
+        ::close(h->fd);  // removed by a closing holder before this one took its lock: start over
+        h->fd = -1;
+        errno = ENOENT;
     }
-    if (h->fd < 0) {
-        int e = errno;
-        delete h;
-        errno = e;
-        return nullptr;
-    }
-    ::flock(h->fd, LOCK_SH);
-    return h;
+    int e = errno;
+    if (h->fd >= 0) ::close(h->fd);
+    delete h;
+    errno = e;
+    return nullptr;
 }
 
 void* map(Handle* h, unsigned int size) {
@@ -89,6 +125,8 @@ bool unmap(void* view, unsigned int size) { return ::munmap(view, size ? size : 
 
 void close(Handle* h) {
     if (!h) return;
+    // Only the last holder gets the exclusive lock. A refused conversion drops the shared lock it had, so of
+    // two holders closing together the later one succeeds, and the name never outlives all its holders.
     if (::flock(h->fd, LOCK_EX | LOCK_NB) == 0) ::shm_unlink(h->path);
     ::close(h->fd);
     delete h;

@@ -23,9 +23,9 @@
 // ("Add submitted action %0", "Check free thread ...", "Try remove action ...", "Remove action ...",
 // "Wait idle processor ..."), per thread and for termination when above 0.
 //
-// Thread safety: every operation may be called from any thread. The action lock and the thread lock are
-// never nested the wrong way round (the thread lock is never held while the action lock is taken); action
-// counters use one process-wide lock of their own.
+// Thread safety: every operation may be called from any thread. Where the processor's two locks nest, the
+// action lock is taken inside the thread lock, never the other way round; action counters use one
+// process-wide lock of their own, taken inside either.
 #pragma once
 
 #include <atomic>
