@@ -48,22 +48,19 @@ public:
     void write(char const* data, unsigned int n) override {
         if (!is_open()) return;
         if (!crlf_) {
-            while (n) {
-                if (fill_ == kFileBuffer) flush();
-                unsigned int k = n < kFileBuffer - fill_ ? n : kFileBuffer - fill_;
-                std::memcpy(buffer_ + fill_, data, k);
-                fill_ += k;
-                data += k;
-                n -= k;
-            }
+            store_run_(data, n);
             return;
         }
+        // Runs without line ends go in whole; a line feed becomes CR LF, a carriage return is dropped.
+        unsigned int run = 0;
         for (unsigned int i = 0; i < n; ++i) {
             char c = data[i];
-            if (c == '\r') continue;
-            if (c == '\n') store_('\r');
-            store_(c);
+            if (c != '\r' && c != '\n') continue;
+            store_run_(data + run, i - run);
+            if (c == '\n') store_run_("\r\n", 2);
+            run = i + 1;
         }
+        store_run_(data + run, n - run);
     }
 
     void flush() override {
@@ -77,9 +74,15 @@ public:
     }
 
 private:
-    void store_(char c) {
-        if (fill_ == kFileBuffer) flush();
-        buffer_[fill_++] = c;
+    void store_run_(char const* data, unsigned int n) {
+        while (n) {
+            if (fill_ == kFileBuffer) flush();
+            unsigned int k = n < kFileBuffer - fill_ ? n : kFileBuffer - fill_;
+            std::memcpy(buffer_ + fill_, data, k);
+            fill_ += k;
+            data += k;
+            n -= k;
+        }
     }
 
     file_impl::Handle handle_;
@@ -401,7 +404,19 @@ void OBStream::put(char const* data, unsigned int n) {
         impl_->write(data, n);
         return;
     }
-    for (unsigned int i = 0; i < n; ++i) put_text_char_(data[i]);
+    // Runs of ordinary characters (no line feed, no tab) after the start of a line move the column by their
+    // length and go out whole; the others take the character path.
+    unsigned int i = 0;
+    while (i < n) {
+        if (data[i] == '\n' || data[i] == '\t' || impl_->at_line_start) {
+            put_text_char_(data[i++]);
+            continue;
+        }
+        unsigned int run = i;
+        while (i < n && data[i] != '\n' && data[i] != '\t') ++i;
+        impl_->column += static_cast<int>(i - run);
+        impl_->write(data + run, i - run);
+    }
 }
 
 void OBStream::flush() {

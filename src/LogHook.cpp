@@ -1,5 +1,7 @@
 #include "tarvik/LogHook.h"
 
+#include <cstdio>
+
 #include "Console.h"
 #include "LogHookImpl.h"
 #include "LogUnit.h"
@@ -41,33 +43,64 @@ RecordNames const& names() {
     return *n;
 }
 
-// Writes text as the line formatter does (see the header comment).
-void write_escaped(OBStream& out, AString const& text, bool escape_separators, int width, int indent) {
-    auto new_line = [&] {
-        out.put('\n');
-        for (int i = 0; i < indent; ++i) out.put(' ');
-    };
-    for (unsigned int i = 0; i < text.length(); ++i) {
-        char c = text.c_str()[i];
-        if (width >= 1 && out.get_current_col() >= width - 2) new_line();
-        switch (c) {
-            case '|':
-                if (escape_separators) out.put('\\');
-                out.put(c);
-                break;
-            case '\n':
-                if (width >= 1) {
-                    new_line();
-                } else {
-                    out.put("\\n");
-                }
-                break;
-            case '\r': out.put("\\r"); break;
-            case '\\': out.put("\\\\"); break;
-            default: out.put(c);
+// A log line being made, with the column a text stream would be at (so that wrapping and the continuation
+// indent match what the stream shows), written to the stream in one piece at the end.
+class LineBuilder {
+public:
+    explicit LineBuilder(int column) : column_(column) {}
+
+    void put(char c) {
+        line_.append(1, c);
+        if (c == '\n') {
+            column_ = -1;
+        } else if (c == '\t') {
+            column_ = (column_ / 8 + 1) * 8;
+        } else {
+            ++column_;
         }
     }
-}
+    void put(char const* text) {
+        for (; *text; ++text) put(*text);
+    }
+    void put(AString const& text) {
+        for (unsigned int i = 0; i < text.length(); ++i) put(text.c_str()[i]);
+    }
+    int column() const { return column_; }
+    AString const& text() const { return line_; }
+
+    // Writes text with the escapes of the header comment: line feeds continue on a new line indented by
+    // `indent` spaces (or print as "\n" when width < 1), "\r" and "\\", "\|" when asked, and wrapping.
+    void escaped(AString const& text, bool escape_separators, int width, int indent) {
+        auto new_line = [&] {
+            put('\n');
+            for (int i = 0; i < indent; ++i) put(' ');
+        };
+        for (unsigned int i = 0; i < text.length(); ++i) {
+            char c = text.c_str()[i];
+            if (width >= 1 && column_ >= width - 2) new_line();
+            switch (c) {
+                case '|':
+                    if (escape_separators) put('\\');
+                    put(c);
+                    break;
+                case '\n':
+                    if (width >= 1) {
+                        new_line();
+                    } else {
+                        put("\\n");
+                    }
+                    break;
+                case '\r': put("\\r"); break;
+                case '\\': put("\\\\"); break;
+                default: put(c);
+            }
+        }
+    }
+
+private:
+    AString line_;
+    int column_;
+};
 
 }  // namespace
 
@@ -150,15 +183,24 @@ void LogHook::dispatch(Tuple const& record) {
 
 void LogHook::format_line(Tuple const& record, OBStream& out, bool escape_separators, int width) {
     RecordNames const& n = names();
-    out << record.get_time_date(n.time).to_string("%H:%M:%S.%Q\t");
-    int indent = out.get_current_col();
-    out << level_name(record.get_int(n.level, -1)) << '|' << record.get_astring(n.module) << '|'
-        << record.get_astring(n.unit) << '|' << record.get_int(n.line, 0) << '|'
-        << reinterpret_cast<void const*>(static_cast<std::uintptr_t>(record.get_long(n.thread, 0))) << '|';
-    write_escaped(out, record.get_astring(n.context), escape_separators, width, indent);
-    out << '|';
-    write_escaped(out, record.format(record.get_astring(n.key).c_str()), escape_separators, width, indent);
-    out << '\n';
+    LineBuilder line(out.get_current_col());
+    line.put(record.get_time_date(n.time).to_string("%H:%M:%S.%Q\t"));
+    int indent = line.column();
+    line.put(level_name(record.get_int(n.level, -1)));
+    line.put('|');
+    line.put(record.get_astring(n.module));
+    line.put('|');
+    line.put(record.get_astring(n.unit));
+    line.put('|');
+    char number[48];
+    std::snprintf(number, sizeof number, "%d|%lx|", record.get_int(n.line, 0),
+                  static_cast<unsigned long>(record.get_long(n.thread, 0)));
+    line.put(number);
+    line.escaped(record.get_astring(n.context), escape_separators, width, indent);
+    line.put('|');
+    line.escaped(record.format(record.get_astring(n.key).c_str()), escape_separators, width, indent);
+    line.put('\n');
+    out.put(line.text().c_str(), line.text().length());
     out.flush();
 }
 
