@@ -1,10 +1,12 @@
 // Linux half of System: uname/gethostname, /proc/self/exe, getcwd, gettid, strerror_r and getrandom.
 #include "SystemImpl.h"
 
+#include <pthread.h>
 #include <sys/random.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 
@@ -36,7 +38,28 @@ bool working_directory(AString& out) {
     return true;
 }
 
-unsigned long thread_id() { return static_cast<unsigned long>(::syscall(SYS_gettid)); }
+namespace {
+
+// Bumped in the child of every fork, whose threads must not keep the ids cached by their parent's.
+std::atomic<unsigned int> fork_generation{0};
+
+void after_fork_in_child() { fork_generation.fetch_add(1, std::memory_order_relaxed); }
+
+}  // namespace
+
+unsigned long thread_id() {
+    // The id is asked of the kernel once per thread (every log record reads it).
+    static bool const registered = (::pthread_atfork(nullptr, nullptr, after_fork_in_child), true);
+    (void)registered;
+    thread_local unsigned long cached = 0;
+    thread_local unsigned int cached_generation = 0;
+    unsigned int generation = fork_generation.load(std::memory_order_relaxed);
+    if (cached == 0 || cached_generation != generation) {
+        cached = static_cast<unsigned long>(::syscall(SYS_gettid));
+        cached_generation = generation;
+    }
+    return cached;
+}
 
 unsigned long process_id() { return static_cast<unsigned long>(::getpid()); }
 
