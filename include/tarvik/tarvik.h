@@ -7,6 +7,7 @@
 #include "tarvik/Blob.h"
 #include "tarvik/CommBuffer.h"
 #include "tarvik/CriticalSection.h"
+#include "tarvik/Directory.h"
 #include "tarvik/Event.h"
 #include "tarvik/Export.h"
 #include "tarvik/FileLock.h"
