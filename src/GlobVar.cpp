@@ -225,7 +225,7 @@ int GlobVar::load_ini(IBStream& in, char const* source_name) {
         Symbol module(entry.section);
         Symbol name(entry.key);
         bool known = false;
-        bool applied = false;
+        int applied = 0;  // variables this entry set: one per kind of the name whose form the value has
         for (Kind kind : {KIND_BOOL, KIND_INT, KIND_LOG}) {
             GlobVarEntry* e;
             {
@@ -240,17 +240,17 @@ int GlobVar::load_ini(IBStream& in, char const* source_name) {
                                               : parse_level(entry.value, value);
                 if (!ok) continue;
                 e->value.store(value, std::memory_order_relaxed);
-                applied = true;
+                ++applied;
             }
         }
         if (!known) {
             TVK_LOG(LEVEL_WARN, "UNKNOWN GLOBAL VARIABLE [%0] %1 (%2 LINE %3)") << entry.section << entry.key << source
                                                                                 << entry.line;
-        } else if (!applied) {
+        } else if (applied == 0) {
             TVK_LOG(LEVEL_ERR, "BAD VALUE '%0' FOR [%1] %2 (%3 LINE %4)") << entry.value << entry.section << entry.key
                                                                            << source << entry.line;
         } else {
-            ++set;
+            set += applied;
         }
     }
     return set;

@@ -250,8 +250,12 @@ public:
         AString config = directory_.get_text();
         if (!config.is_empty() && config[config.length() - 1] != '/') config += '/';
         config += "config.xml";
+        // Only an existing file is read: a directory without settings is the usual case and not worth a
+        // record about a file that cannot be opened.
+        Path config_path(config);
+        if (!config_path.is_file()) return;
         Tuple settings;
-        IBStream in(Path(config), true);
+        IBStream in(config_path, true);
         if (in.is_open() && settings.read_xml(in) >= 0) {
             if (TimePeriod const* max = settings.get_ptime_period(Symbol("max"))) {
                 if (*max > TimePeriod()) period_ = *max;

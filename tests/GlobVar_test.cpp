@@ -9,6 +9,11 @@
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
+#include "tarvik/IOBStream.h"
+#include "tarvik/Path.h"
+#include "tarvik/TypeManager.h"
+
 using tarvik::AString;
 using tarvik::GlobVar;
 using tarvik::GlobVarBool;
@@ -192,4 +197,106 @@ TEST(GlobVar, ConcurrentBindingAndReleaseKeepTheRegistryConsistent) {
     EXPECT_EQ(held->get(), kRounds - 1);
     held.reset();
     EXPECT_FALSE(has_module("T.GV.THREADS"));
+}
+
+// --- loading from INI text and library start ---------------------------------------------------------
+
+namespace {
+
+int load(char const* text, char const* source = "test.ini") {
+    tarvik::IBStream in(text);
+    return GlobVar::load_ini(in, source);
+}
+
+}  // namespace
+
+TEST(GlobVarIni, SetsDeclaredVariablesOfEachKindAndCountsThem) {
+    tarvik::test::TempDir dir;
+    Symbol m("T.INI.SET");
+    GlobVarInt retries(m, "RETRIES", 1);
+    GlobVarBool verbose(m, "VERBOSE");
+    GlobVarLog unit(m, "src/IniUnit.cpp");
+    GlobVarInt other(Symbol("T.INI.OTHER"), "RETRIES", 4);
+    std::string const path = dir.file("vars.ini");
+    ASSERT_TRUE(tarvik::test::write_file(path, "; settings\r\n# more\r\n[T.INI.SET]\r\n  RETRIES = -12\r\n"
+                                               "VERBOSE=yes\r\n\r\nINIUNIT = \"DEBUG\"\r\n"));
+    EXPECT_EQ(GlobVar::load_ini(tarvik::Path(path.c_str())), 3);
+    EXPECT_EQ(retries.get(), -12);
+    EXPECT_TRUE(verbose.get());
+    EXPECT_EQ(GlobVarLog::get(m, "INIUNIT"), 6);
+    EXPECT_EQ(other.get(), 4);  // another module's variable of that name is left alone
+
+    struct Case {
+        char const* text;
+        bool value;
+    };
+    for (Case c : {Case{"true", true}, Case{"false", false}, Case{"yes", true}, Case{"no", false},
+                   Case{"on", true}, Case{"off", false}, Case{"1", true}, Case{"0", false}, Case{"ON", true}}) {
+        verbose.set(!c.value);
+        EXPECT_EQ(load(("[T.INI.SET]\nVERBOSE = " + std::string(c.text)).c_str()), 1) << c.text;
+        EXPECT_EQ(verbose.get(), c.value) << c.text;
+    }
+    for (auto [text, level] : std::vector<std::pair<char const*, int>>{{"ERR", 2}, {"debug", 6}, {"OK", 0}, {"4", 4}}) {
+        EXPECT_EQ(load(("[T.INI.SET]\nINIUNIT=" + std::string(text)).c_str()), 1) << text;
+        EXPECT_EQ(GlobVarLog::get(m, "INIUNIT"), level) << text;
+    }
+
+    // One name under two kinds: each kind whose form the value has is set, and counted.
+    GlobVarBool twin(m, "RETRIES");
+    EXPECT_EQ(load("[T.INI.SET]\nRETRIES = 1\n"), 2);
+    EXPECT_EQ(retries.get(), 1);
+    EXPECT_TRUE(twin.get());
+    EXPECT_EQ(load("[T.INI.SET]\nRETRIES = off\n"), 1);  // a boolean only; no bad value for the integer
+    EXPECT_EQ(retries.get(), 1);
+    EXPECT_FALSE(twin.get());
+}
+
+TEST(GlobVarIni, ReportsUnknownNamesAndBadValuesAndSetsTheRest) {
+    Symbol m("T.INI.BAD");
+    GlobVarInt n(m, "N", 3);
+    GlobVarBool b(m, "B", true);
+    GlobVarLog l(m, "Lvl.cpp", 1);
+    tarvik::test::StdoutCapture capture;
+    EXPECT_EQ(load("[T.INI.BAD]\nGHOST = 1\nN = twelve\nB = maybe\nLVL = LOUD\nN = 99999999999\n[T.INI.NEW]\nA=1\n"
+                   "[T.INI.BAD]\nN = 8\n",
+                   "cfg.ini"),
+              1);
+    EXPECT_EQ(capture.records_with("WARN|TVK|GLOBVAR|"), 2);
+    EXPECT_EQ(capture.records_with("|UNKNOWN GLOBAL VARIABLE [T.INI.BAD] GHOST (cfg.ini LINE 2)"), 1);
+    EXPECT_EQ(capture.records_with("|UNKNOWN GLOBAL VARIABLE [T.INI.NEW] A (cfg.ini LINE 8)"), 1);
+    EXPECT_EQ(capture.records_with("ERR|TVK|GLOBVAR|"), 4);
+    EXPECT_EQ(capture.records_with("|BAD VALUE 'twelve' FOR [T.INI.BAD] N (cfg.ini LINE 3)"), 1);
+    EXPECT_EQ(capture.records_with("|BAD VALUE 'maybe' FOR [T.INI.BAD] B (cfg.ini LINE 4)"), 1);
+    EXPECT_EQ(capture.records_with("|BAD VALUE 'LOUD' FOR [T.INI.BAD] LVL (cfg.ini LINE 5)"), 1);
+    EXPECT_EQ(capture.records_with("|BAD VALUE '99999999999' FOR [T.INI.BAD] N (cfg.ini LINE 6)"), 1);
+    EXPECT_EQ(n.get(), 8);
+    EXPECT_TRUE(b.get());
+    EXPECT_EQ(GlobVarLog::get(m, "LVL"), 1);
+    EXPECT_FALSE(has_module("T.INI.NEW"));
+    SymbolList ints;
+    EXPECT_EQ(GlobVarInt::get_names(m, ints), 1);  // no GHOST made
+
+}
+
+TEST(GlobVarIni, MalformedTextOrAMissingFileSetsNothing) {
+    Symbol m("T.INI.MALFORMED");
+    GlobVarInt n(m, "N", 3);
+    tarvik::test::StdoutCapture capture;
+    EXPECT_EQ(load("[T.INI.MALFORMED]\nN = 4\nno equals sign here\nN = 5\n"), -1);
+    EXPECT_EQ(load("[T.INI.MALFORMED\nN = 4\n"), -1);
+    EXPECT_EQ(load("[T.INI.MALFORMED]\n = 4\n"), -1);
+    EXPECT_EQ(n.get(), 3);
+    EXPECT_EQ(capture.records_with("INI: '=' EXPECTED AT LINE 3"), 1);
+    EXPECT_EQ(load(""), 0);
+
+    tarvik::test::TempDir dir;
+    EXPECT_EQ(GlobVar::load_ini(tarvik::Path(dir.file("missing.ini").c_str())), -1000002);
+    EXPECT_EQ(n.get(), 3);
+}
+
+TEST(LibraryStart, ReturnsOneEveryTimeAndBuildsTheKindManagers) {
+    EXPECT_EQ(tarvik::init(), 1);
+    EXPECT_NE(tarvik::TypeManager::get(tarvik::T_INT), nullptr);
+    EXPECT_NE(tarvik::TypeManager::get(tarvik::T_LIST_TUPLE), nullptr);
+    EXPECT_EQ(tarvik::init(), 1);
 }
