@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "tarvik/CommBuffer.h"
+#include "tarvik/IOBStream.h"
 #include "tarvik/Tuple.h"
 
 using namespace tarvik;
@@ -133,6 +134,41 @@ void BM_RecordWriteRead(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_RecordWriteRead);
+
+// The same record as XML text (what an ASCII CommBuffer carries) and back.
+void BM_RecordXmlWriteRead(benchmark::State& state) {
+    Tuple record = reference_record();
+    unsigned int bytes = 0;
+    for (auto _ : state) {
+        AString text;
+        {
+            OBStream out(text, true);
+            record.write_xml(out);
+        }
+        bytes = text.length();
+        IBStream in(text.c_str());
+        Tuple back;
+        benchmark::DoNotOptimize(back.read_xml(in));
+    }
+    state.counters["text_bytes"] = bytes;
+}
+BENCHMARK(BM_RecordXmlWriteRead);
+
+// The same through an ASCII CommBuffer, page headers included.
+void BM_RecordAsciiBufferWriteRead(benchmark::State& state) {
+    Tuple record = reference_record();
+    unsigned int bytes = 0;
+    for (auto _ : state) {
+        CommBuffer buffer;
+        buffer.set_is_ascii(true);
+        record.write(buffer);
+        bytes = buffer.size();
+        Tuple back;
+        benchmark::DoNotOptimize(back.read(buffer));
+    }
+    state.counters["wire_bytes"] = bytes;
+}
+BENCHMARK(BM_RecordAsciiBufferWriteRead);
 
 // --- msgpack-c ------------------------------------------------------------------------------------------
 

@@ -183,7 +183,9 @@ long Blob::read_xml(IBStream& in) {
     for (int c; (c = in.peek()) >= 0;) {
         if (letter_value(c) < 0 && c != '=' && !is_blank(c)) break;
         in.get();
-        if (!is_blank(c)) text.append(1, static_cast<char>(c));
+        if (is_blank(c)) continue;
+        if (text.length() == text.capacity()) text.reserve(text.capacity() * 2 + 32);  // grows by doubling
+        text += static_cast<char>(c);
     }
     unsigned int n = text.length();
     if (n == 0 || n % 4 != 0) {

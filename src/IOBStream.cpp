@@ -297,7 +297,8 @@ IBStream::~IBStream() { close(); }
 bool IBStream::open(IBStreamImpl* impl) {
     close();
     impl_ = impl;
-    return is_open();
+    open_ = impl_ && impl_->is_open();
+    return open_;
 }
 bool IBStream::open(Path const& path, bool text) { return open(new IFBStreamImpl(path, text)); }
 bool IBStream::open(char const* text) { return open(new IStrBStreamImpl(text)); }
@@ -307,9 +308,10 @@ bool IBStream::open(CommBuffer const& buffer) { return open(new ICommBufBStreamI
 void IBStream::close() {
     delete impl_;
     impl_ = nullptr;
+    open_ = false;
 }
 
-bool IBStream::is_open() const { return impl_ && impl_->is_open(); }
+bool IBStream::is_open() const { return open_; }
 bool IBStream::is_text() const { return impl_ && impl_->text; }
 bool IBStream::eof() { return peek() < 0; }
 int IBStream::get() { return is_open() ? impl_->get() : -1; }

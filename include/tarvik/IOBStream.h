@@ -93,6 +93,7 @@ public:
 
 private:
     IBStreamImpl* impl_ = nullptr;
+    bool open_ = false;  // impl_ is set and open: asked once, not per character
 };
 
 // Line end and flush manipulators for operator<<.
