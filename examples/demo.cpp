@@ -1,8 +1,10 @@
 // demo.cpp: the library's values at work.
 //
 // Builds and searches strings, interns names as symbols, collects output in a paged StringBuffer, wraps
-// bytes in blobs and writes them as base64 and to files, and reports a failure through a log record.
-// Every step prints what it did.
+// bytes in blobs and writes them as base64 and to files; builds a tuple, sends it through a CommBuffer (the
+// wire and file format) and its XML form; runs actions on the thread pool; and catches log records with a
+// hook. Every step prints what it did.
+#include <atomic>
 #include <cstdio>
 
 #include "tarvik/tarvik.h"
@@ -110,6 +112,71 @@ void blobs() {
     missing.read(Path("/nonexistent/tarvik-demo.bin"));
 }
 
+void tuples() {
+    section("tuples and the wire format");
+    Tuple order("demo.order");
+    order.set_int("id", 7);
+    order.set_double("price", 99.95);
+    order.set_astring("symbol", "ACME");
+    for (int i = 0; i < 3; ++i) order.add_int("fills", 100 * (i + 1));
+    Tuple owner("demo.user");
+    owner.set_astring("name", "alice");
+    order.set_tuple("owner", owner);
+    bcout() << "text form:            " << order << bendl();
+
+    CommBuffer wire;
+    long written = order.write(wire);
+    AString bytes;
+    {
+        OBStream out(bytes);
+        wire.write(out);
+    }
+    bcout() << "binary CommBuffer:    " << written << " value bytes, " << wire.size() << " on the wire, header "
+            << bytes.substr(0, CommBuffer::kHeaderSize) << bendl();
+    Tuple back;
+    back.read(wire);
+    bcout() << "read back:            " << (back == order ? "equal" : "DIFFERENT") << bendl();
+
+    AString xml;
+    {
+        OBStream out(xml, true);
+        order.write_xml(out);
+    }
+    bcout() << "XML form (" << xml.length() << " characters):" << bendl() << xml << bendl();
+
+    Tuple spec;
+    spec.match("%(class):%(name)@%(address)", "orders:main@TCPIP:127.0.0.1:5000");
+    bcout() << "a specification taken apart: " << spec << bendl();
+}
+
+struct Square : Action {
+    int n;
+    std::atomic<int>* sum;
+    Square(int value, std::atomic<int>* total) : n(value), sum(total) {}
+    void run() override { sum->fetch_add(n * n); }
+};
+
+void actions() {
+    section("the thread pool");
+    std::atomic<int> sum{0};
+    Processor pool(4);
+    for (int i = 1; i <= 100; ++i) pool.submit(AutoRef<Action>(new Square(i, &sum)));
+    pool.waitIdle();
+    bcout() << "sum of squares 1..100 on " << pool.get_thread_count() << " worker threads: " << sum.load() << bendl();
+}
+
+void logging() {
+    section("log records and hooks");
+    CatcherLogHook catcher(true);
+    Log("DEMO ORDER %0 FILLED AT %1", LEVEL_INFO, "DEMO", "MAIN", __LINE__) << 7 << 99.95;
+    Blob().read(Path("/nonexistent/demo.bin"));  // the library reports its own failures the same way
+    ListTuple records;
+    catcher.deactivate(records);
+    bcout() << "caught " << records.size() << " records:" << bendl();
+    for (Tuple const& r : records)
+        bcout() << "  " << level_name(r.get_int("level", -1)) << " " << r.format(r.get_astring("key").c_str()) << bendl();
+}
+
 }  // namespace
 
 int main() {
@@ -120,6 +187,9 @@ int main() {
     symbols();
     buffers();
     blobs();
+    tuples();
+    actions();
+    logging();
     bcout() << bendl() << "done." << bendl();
     return 0;
 }
