@@ -16,6 +16,13 @@ namespace {
 
 bool is_space(int c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
+// Appends a character, doubling the capacity when full: a text read character by character would otherwise
+// be reallocated every 16 characters.
+inline void add_char(AString& s, char c) {
+    if (s.length() == s.capacity()) s.reserve(s.capacity() * 2 + 32);
+    s += c;
+}
+
 bool is_name_start(int c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || c == '_' || c == ':' || c >= 0x80;
 }
@@ -86,7 +93,7 @@ bool XmlParser::read_name_(AString& out) {
     out.clear();
     if (!is_name_start(peek_())) return false;
     while (is_name_char(peek_())) {
-        out.append(1, static_cast<char>(get_()));
+        add_char(out, static_cast<char>(get_()));
         if (out.length() > 1024) return false;
     }
     return true;
@@ -97,7 +104,7 @@ bool XmlParser::read_reference_(AString& out) {
     AString ref;
     for (int c; (c = get_()) != ';';) {
         if (c < 0 || ref.length() > 12) return false;
-        ref.append(1, static_cast<char>(c));
+        ref += static_cast<char>(c);
     }
     if (ref == "amp") return (out += '&', true);
     if (ref == "lt") return (out += '<', true);
@@ -131,7 +138,7 @@ bool XmlParser::read_attribute_value_(AString& out) {
         if (c == '&') {
             if (!read_reference_(out)) return false;
         } else {
-            out.append(1, static_cast<char>(c));
+            add_char(out, static_cast<char>(c));
         }
     }
     return true;
@@ -155,7 +162,7 @@ bool XmlParser::skip_comment_() {
 bool XmlParser::read_cdata_(AString& out) {
     // After "<![CDATA[": up to "]]>".
     for (int c; (c = get_()) >= 0;) {
-        out.append(1, static_cast<char>(c));
+        add_char(out, static_cast<char>(c));
         unsigned int n = out.length();
         if (n >= 3 && out[n - 3] == ']' && out[n - 2] == ']' && out[n - 1] == '>') {
             out.resize(n - 3);
@@ -207,14 +214,14 @@ XmlParser::Event XmlParser::end_tag_() {
 }
 
 XmlParser::Event XmlParser::read_text_(int first) {
-    text_.clear();
+    text_.size(0);  // keeps the block for the next text
     for (int c = first;; c = peek_()) {
         if (c < 0 || c == '<') break;
         get_();
         if (c == '&') {
             if (!read_reference_(text_)) return fail("BAD REFERENCE");
         } else {
-            text_.append(1, static_cast<char>(c));
+            add_char(text_, static_cast<char>(c));
         }
     }
     if (depth_ == 0) {
@@ -262,7 +269,7 @@ XmlParser::Event XmlParser::next() {
             if (peek_() == '[') {
                 if (!expect_("[CDATA[")) return fail("BAD CDATA SECTION");
                 if (depth_ == 0) return fail("TEXT OUTSIDE THE ROOT ELEMENT");
-                text_.clear();
+                text_.size(0);  // keeps the block for the next text
                 if (!read_cdata_(text_)) return fail("UNTERMINATED CDATA SECTION");
                 return kText;
             }
@@ -313,7 +320,7 @@ TokenParser::Kind TokenParser::fail_(char const* what) {
 
 TokenParser::Kind TokenParser::next() {
     if (kind_ == kError) return kError;
-    text_.clear();
+    text_.size(0);  // keeps the block for the next text
     for (;;) {
         int c = in_.peek();
         if (c >= 0 && is_space(c)) {
@@ -339,21 +346,21 @@ TokenParser::Kind TokenParser::next() {
         if ((c >= '0' && c <= '9') || c == '-' || c == '+') return number_token_();
         if (c == '"' || c == '\'') return string_(get_());
         if (c < 32 || c == 127) return fail_("CONTROL CHARACTER");
-        text_.append(1, static_cast<char>(get_()));
+        add_char(text_, static_cast<char>(get_()));
         return kind_ = kPunctuation;
     }
 }
 
 TokenParser::Kind TokenParser::word_() {
     for (int c; (c = in_.peek()) >= 0 && (std::isalnum(c) || c == '_' || c == '.' || c == '-');)
-        text_.append(1, static_cast<char>(get_()));
+        add_char(text_, static_cast<char>(get_()));
     return kind_ = kIdentifier;
 }
 
 TokenParser::Kind TokenParser::number_token_() {
     int c = in_.peek();
     if (c == '-' || c == '+') {
-        text_.append(1, static_cast<char>(get_()));
+        add_char(text_, static_cast<char>(get_()));
         if (!std::isdigit(in_.peek())) return kind_ = kPunctuation;  // a lone sign
     }
     bool floating = false;
@@ -366,7 +373,7 @@ TokenParser::Kind TokenParser::number_token_() {
         } else {
             break;
         }
-        text_.append(1, static_cast<char>(get_()));
+        add_char(text_, static_cast<char>(get_()));
     }
     char* end = nullptr;
     if (floating) {
@@ -387,12 +394,12 @@ TokenParser::Kind TokenParser::string_(int quote) {
         if (c < 0 || c == '\n') return fail_("UNTERMINATED STRING");
         if (c == quote) return kind_ = kString;
         if (c != '\\') {
-            text_.append(1, static_cast<char>(c));
+            add_char(text_, static_cast<char>(c));
             continue;
         }
         c = get_();
         switch (c) {
-            case '"': case '\'': case '\\': text_.append(1, static_cast<char>(c)); break;
+            case '"': case '\'': case '\\': add_char(text_, static_cast<char>(c)); break;
             case 'n': text_.append(1, '\n'); break;
             case 'r': text_.append(1, '\r'); break;
             case 't': text_.append(1, '\t'); break;
@@ -404,7 +411,7 @@ TokenParser::Kind TokenParser::string_(int quote) {
                     if (n < 0) return fail_("BAD ESCAPE");
                     v = v * 16 + n;
                 }
-                text_.append(1, static_cast<char>(v));
+                add_char(text_, static_cast<char>(v));
                 break;
             }
             default: return fail_("BAD ESCAPE");
@@ -441,7 +448,7 @@ IniParser::Event IniParser::next() {
         if (in_.eof()) return kDone;
         AString line;
         for (int c; (c = in_.get()) >= 0 && c != '\n';)
-            if (c != '\r') line.append(1, static_cast<char>(c));
+            if (c != '\r') add_char(line, static_cast<char>(c));
         ++line_;
         unsigned int at = 0;
         while (at < line.length() && (line[at] == ' ' || line[at] == '\t')) ++at;

@@ -90,7 +90,11 @@ long Table::read_xml(IBStream& in) {
         }
         return -1;
     }
-    return read_xml(parser) ? static_cast<long>(lines_.size()) : -1;
+    // The document ends with the table, as with a tuple's; this table changes only when both hold.
+    Table parsed;
+    if (!parsed.read_xml(parser) || parser.next_markup() != XmlParser::kDone) return -1;
+    *this = static_cast<Table&&>(parsed);
+    return static_cast<long>(lines_.size());
 }
 
 long Table::write_xml(Path const& path) const {

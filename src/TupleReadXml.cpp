@@ -2,7 +2,6 @@
 #include "tarvik/Tuple.h"
 
 #include <charconv>
-#include <cstring>
 #include <limits>
 
 #include "LogUnit.h"
@@ -73,6 +72,51 @@ bool floating(XmlParser& in, F& v) {
     return (r.ec == std::errc() && r.ptr == end) || bad_value(in, "BAD NUMBER");
 }
 
+// A period's text: [-] one to four numbers separated by ":", right-aligned onto days, hours, minutes and
+// seconds ("1:30" is 90 s), then optionally "." and one to six digits of fraction ("2.5" is 2.5 s). The
+// magnitude is summed in unsigned arithmetic and refused when it does not fit, so that no text can overflow
+// the period, while the most negative period still reads back.
+bool parse_period(char const* p, TimePeriod& v) {
+    auto digit = [](char c) { return c >= '0' && c <= '9'; };
+    bool negative = *p == '-';
+    if (negative) ++p;
+    std::uint64_t const limit = negative ? std::uint64_t{1} << 63 : (std::uint64_t{1} << 63) - 1;
+    std::uint64_t fields[4] = {};
+    int given = 0;
+    for (;;) {
+        if (given == 4 || !digit(*p)) return false;
+        std::uint64_t f = 0;
+        for (; digit(*p); ++p) {
+            if (f > (limit - static_cast<unsigned>(*p - '0')) / 10) return false;
+            f = f * 10 + static_cast<unsigned>(*p - '0');
+        }
+        fields[given++] = f;
+        if (*p != ':') break;
+        ++p;
+    }
+    long micro = 0;
+    if (*p == '.') {
+        int digits = 0;
+        for (++p; digit(*p) && digits < 6; ++p, ++digits) micro = micro * 10 + (*p - '0');
+        if (digits == 0) return false;
+        for (; digits < 6; ++digits) micro *= 10;
+    }
+    if (*p) return false;
+    static constexpr std::uint64_t kUnit[4] = {86400, 3600, 60, 1};
+    std::uint64_t seconds = 0;
+    for (int i = 0; i < given; ++i) {
+        std::uint64_t unit = kUnit[4 - given + i];
+        if (fields[i] > (limit - seconds) / unit) return false;
+        seconds += fields[i] * unit;
+    }
+    if (negative) {
+        v = TimePeriod(static_cast<std::int64_t>(0 - seconds), -micro, false);
+    } else {
+        v = TimePeriod(static_cast<std::int64_t>(seconds), micro, false);
+    }
+    return true;
+}
+
 // A tuple element (<t n="...">) whose start tag was just read: its class name and attributes.
 bool tuple_element(XmlParser& in, Tuple& t) {
     AString const* class_name = in.attribute("n");
@@ -131,12 +175,7 @@ bool read(XmlParser& in, Blob& v) {
 bool read(XmlParser& in, TimePeriod& v) {
     AString text;
     if (!read_text(in, text)) return false;
-    bool negative = text.get_at(0) == '-';
-    char const* p = text.c_str() + (negative ? 1 : 0);
-    if (!*p || std::strspn(p, "0123456789:.") != std::strlen(p)) return bad_value(in, "BAD TIME PERIOD");
-    v.from_string(p);
-    if (negative) v = -v;
-    return true;
+    return parse_period(text.c_str(), v) || bad_value(in, "BAD TIME PERIOD");
 }
 
 bool read(XmlParser& in, TimeDate& v) {
@@ -147,9 +186,18 @@ bool read(XmlParser& in, TimeDate& v) {
     }
     AString text;
     if (!read_text(in, text)) return false;
+    if (text.get_at(0) == '@') {  // a date beyond the calendar form: its stored period
+        TimePeriod since_day_zero;
+        if (micro >= 0 || !parse_period(text.c_str() + 1, since_day_zero)) return bad_value(in, "BAD TIME DATE");
+        v = TimeDate(since_day_zero);
+        return true;
+    }
     IBStream stream(text.c_str());
-    if (v.read_xml(stream) != 1) return bad_value(in, "BAD TIME DATE");
-    if (micro >= 0) v = v - TimePeriod(0, v.get_microsecond(), false) + TimePeriod(0, micro, false);
+    TimeDate date;
+    if (date.read_xml(stream) != 1) return bad_value(in, "BAD TIME DATE");
+    stream.eatwhite();
+    if (!stream.eof()) return bad_value(in, "BAD TIME DATE");
+    v = micro >= 0 ? with_microsecond(date, micro) : date;
     return true;
 }
 
@@ -216,6 +264,9 @@ long Tuple::read_xml(IBStream& in) {
     }
     Tuple parsed;
     if (!tuple_xml::tuple_element(parser, parsed)) return -1;
+    // The document ends with the tuple: anything but white space, comments and processing instructions
+    // after it fails the parse (a second element or stray text is malformed input, not ignored).
+    if (parser.next_markup() != XmlParser::kDone) return -1;
     splice(parsed);
     return get_count();
 }

@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 
 #include "LogUnit.h"
 #include "TupleXml.h"
@@ -115,23 +116,75 @@ void write(OBStream& out, String const& v) {
     escaped(out, utf8);
 }
 
-void write(OBStream& out, Blob const& v) { v.write_xml(out); }
-
-void write(OBStream& out, TimePeriod const& v) {
-    // The period's own full-precision text, which has no sign: a negative period is "-" and its opposite.
-    if (v < TimePeriod()) {
-        out.put('-');
-        out << (-v).to_string_full_precision();
-    } else {
-        out << v.to_string_full_precision();
-    }
+void write(OBStream& out, Blob const& v) {
+    // Base64 with a line feed after every 76 characters; the line feeds are character references like those
+    // of any text, so that a text-mode stream does not indent inside the value.
+    AString text;
+    escaped(out, v.to_string(text));
 }
 
-void write(OBStream& out, TimeDate const& v) { v.write_xml(out); }
+void write(OBStream& out, TimePeriod const& v) {
+    // The period's full-precision text (D:HH:MM:SS.uuuuuu from one day up, HH:MM:SS.uuuuuu from one hour,
+    // MM:SS.uuuuuu from one minute, else S.uuuuuu), which has no sign: a negative period is "-" and its
+    // opposite. The opposite is taken in unsigned arithmetic, since that of the most negative period does not
+    // fit the period's own fields.
+    bool negative = v < TimePeriod();
+    auto s = static_cast<std::uint64_t>(v.get_seconds());
+    if (negative) s = 0 - s;
+    std::int32_t micro = v.get_microseconds();
+    auto us = static_cast<unsigned long>(micro < 0 ? -static_cast<long>(micro) : micro);
+    auto days = static_cast<unsigned long long>(s / 86400);
+    auto h = static_cast<unsigned long>(s / 3600 % 24), m = static_cast<unsigned long>(s / 60 % 60);
+    auto sec = static_cast<unsigned long>(s % 60);
+    char const* sign = negative ? "-" : "";
+    char text[64];
+    int n;
+    if (days > 0)
+        n = std::snprintf(text, sizeof text, "%s%llu:%02lu:%02lu:%02lu.%06lu", sign, days, h, m, sec, us);
+    else if (h > 0)
+        n = std::snprintf(text, sizeof text, "%s%02lu:%02lu:%02lu.%06lu", sign, h, m, sec, us);
+    else if (m > 0)
+        n = std::snprintf(text, sizeof text, "%s%02lu:%02lu.%06lu", sign, m, sec, us);
+    else
+        n = std::snprintf(text, sizeof text, "%s%lu.%06lu", sign, sec, us);
+    out.put(text, static_cast<unsigned int>(n));
+}
+
+TimeDate with_microsecond(TimeDate const& date, int micro) {
+    return date - TimePeriod(0, date.get_microsecond(), false) + TimePeriod(0, micro, false);
+}
+
+namespace {
+
+// The calendar text of a date, or false when that text (with the attribute "us") does not read back into
+// exactly this date.
+bool calendar_text(TimeDate const& v, AString& text) {
+    {
+        OBStream stream(text);
+        v.write_xml(stream);
+    }
+    IBStream in(text.c_str());
+    TimeDate back;
+    return back.read_xml(in) == 1 && in.eof() && with_microsecond(back, v.get_microsecond()) == v;
+}
+
+}  // namespace
+
+void write(OBStream& out, TimeDate const& v) {
+    AString text;
+    if (calendar_text(v, text)) {
+        out.put(text.c_str(), text.length());
+        return;
+    }
+    out.put('@');
+    write(out, v.get_period());
+}
 
 void date_attributes(OBStream& out, TimeDate const& v) {
     int micro = v.get_microsecond();
     if (micro % 1000 == 0) return;
+    AString text;
+    if (!calendar_text(v, text)) return;
     out.put(" us=\"");
     integer(out, micro);
     out.put('"');

@@ -47,9 +47,14 @@ bool read(XmlParser& in, StringBuffer& v);
 bool read(XmlParser& in, Symbol& v);
 bool read(XmlParser& in, Tuple& v);  // attributes up to the end tag
 
-// A date written with microseconds that milliseconds cannot hold carries them in the attribute "us".
-// Writers of an element's start tag call this to add it.
+// A date is written in the calendar form "Y:MM:DDTHH:MM:SS.mmm"; one with microseconds that milliseconds
+// cannot hold carries them in the attribute "us" as well. Writers of an element's start tag call
+// date_attributes to add it. A date that the calendar form cannot hold (years far beyond its range) is
+// written instead as "@" and its stored period since the start of Julian day 0, in the period's text, and
+// has no attribute.
 void date_attributes(OBStream& out, TimeDate const& v);
+// The date with its microsecond of the second replaced (what the attribute "us" carries).
+TimeDate with_microsecond(TimeDate const& date, int micro);
 
 // The text of an element up to its end tag ("" for an empty element).
 bool read_text(XmlParser& in, AString& out);

@@ -1,0 +1,233 @@
+#include "tarvik/Parser.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+
+#include "TestSupport.h"
+#include "tarvik/IOBStream.h"
+
+using namespace tarvik;
+using tarvik::test::StdoutCapture;
+
+namespace {
+
+std::string str(AString const& s) { return std::string(s.c_str(), s.length()); }
+
+// How many log records end with exactly this message.
+int logged(StdoutCapture& capture, std::string const& message) {
+    std::istringstream lines(capture.text());
+    int n = 0;
+    for (std::string line; std::getline(lines, line);) n += line.ends_with("||" + message);
+    return n;
+}
+
+// The XML events of a text, one a line ("<name a=v ...>depth", "</name>", "'text'"), then "done" or
+// "error: ...".
+std::string xml_events(char const* text) {
+    IBStream in(text);
+    XmlParser parser(in);
+    std::string out;
+    for (;;) {
+        XmlParser::Event e = parser.next();
+        if (e == XmlParser::kStart) {
+            out += "<" + str(parser.name());
+            for (unsigned int i = 0; i < parser.attribute_count(); ++i)
+                out += " " + str(parser.attribute_name(i)) + "=" + str(parser.attribute_value(i));
+            out += ">" + std::to_string(parser.depth()) + "\n";
+        } else if (e == XmlParser::kEnd) {
+            out += "</" + str(parser.name()) + ">\n";
+        } else if (e == XmlParser::kText) {
+            out += "'" + str(parser.text()) + "'\n";
+        } else {
+            out += e == XmlParser::kDone ? "done" : "error: " + str(parser.error());
+            EXPECT_EQ(parser.next(), e);  // the final event stays
+            return out;
+        }
+    }
+}
+
+// The events of the text end with "error: what", logged once as "<kind>: what AT LINE l COLUMN c".
+void expect_error(std::string (*events)(char const*), char const* kind, char const* text,
+                  std::string const& what, int line, int column) {
+    StdoutCapture capture;
+    std::string got = events(text);
+    EXPECT_TRUE(got.ends_with("error: " + what)) << got;
+    std::string at = " AT LINE " + std::to_string(line) + " COLUMN " + std::to_string(column);
+    EXPECT_EQ(logged(capture, kind + (": " + what) + at), 1) << capture.text();
+}
+
+void xml_error(char const* text, std::string const& what, int line, int column) {
+    expect_error(xml_events, "XML", text, what, line, column);
+}
+
+}  // namespace
+
+// --- XmlParser ------------------------------------------------------------------------------------------
+
+TEST(XmlParser, GivesStartTextAndEndEventsWithAttributes) {
+    EXPECT_EQ(xml_events("<?xml version=\"1.0\"?>\n<!-- c -->"
+                         "<a x=\"1\" y='two \"q\"'>hi<b/><c  z = \"\" >t</c ></a>\n<!-- after -->\n"),
+              "'\n'\n<a x=1 y=two \"q\">1\n'hi'\n<b>2\n</b>\n<c z=>2\n't'\n</c>\n</a>\n'\n'\n'\n'\ndone");
+}
+
+TEST(XmlParser, DecodesEntitiesReferencesAndCdata) {
+    EXPECT_EQ(
+        xml_events("<a v=\"&lt;&amp;&gt;&apos;&quot;&#233;\">&#xE9;&#x20AC;&#128512;&#10;&#13;"
+                   "<![CDATA[<&x;]]]]>\r\n</a>"),
+        "<a v=<&>'\"\xc3\xa9>1\n'\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80\n\r'\n'<&x;]]'\n'\r\n'\n</a>\ndone");
+}
+
+TEST(XmlParser, NextMarkupSkipsBlankTextAndAttributeFindsByName) {
+    IBStream in("<a k='v'>\n  <b/>  x </a>");
+    XmlParser parser(in);
+    ASSERT_EQ(parser.next_markup(), XmlParser::kStart);
+    EXPECT_EQ(str(*parser.attribute("k")), "v");
+    EXPECT_EQ(parser.attribute("missing"), nullptr);
+    EXPECT_EQ(parser.next_markup(), XmlParser::kStart);  // <b/> and its end
+    EXPECT_EQ(parser.next_markup(), XmlParser::kEnd);
+    EXPECT_EQ(parser.next_markup(), XmlParser::kText);
+    EXPECT_EQ(str(parser.text()), "  x ");
+}
+
+TEST(XmlParser, FailFromOutsideLogsOnceWithThePosition) {
+    IBStream in("<a>\n<b>");
+    XmlParser parser(in);
+    parser.next_markup();
+    parser.next_markup();
+    StdoutCapture capture;
+    EXPECT_EQ(parser.fail("WRONG ELEMENT"), XmlParser::kError);
+    EXPECT_EQ(parser.fail("AGAIN"), XmlParser::kError);
+    EXPECT_EQ(str(parser.error()), "WRONG ELEMENT");
+    EXPECT_EQ(parser.next(), XmlParser::kError);
+    EXPECT_EQ(logged(capture, "XML: WRONG ELEMENT AT LINE 2 COLUMN 4"), 1) << capture.text();
+}
+
+TEST(XmlParserDamage, Empty) { xml_error("", "UNEXPECTED END OF TEXT", 1, 1); }
+TEST(XmlParserDamage, Truncated) { xml_error("<a>\n<b>x</b>", "UNEXPECTED END OF TEXT", 2, 9); }
+TEST(XmlParserDamage, BadElementName) { xml_error("<1a/>", "ELEMENT NAME EXPECTED", 1, 2); }
+TEST(XmlParserDamage, UnquotedAttributeValue) { xml_error("<a b=c>", "ATTRIBUTE VALUE EXPECTED", 1, 7); }
+TEST(XmlParserDamage, LessThanInAttributeValue) { xml_error("<a b='<'/>", "ATTRIBUTE VALUE EXPECTED", 1, 8); }
+TEST(XmlParserDamage, UnterminatedReference) { xml_error("<a>&amp</a>", "BAD REFERENCE", 1, 12); }
+TEST(XmlParserDamage, ReferenceToNul) { xml_error("<a>&#0;</a>", "BAD REFERENCE", 1, 8); }
+TEST(XmlParserDamage, ReferenceBeyondUnicode) { xml_error("<a>&#x7FFFFFFF;</a>", "BAD REFERENCE", 1, 16); }
+TEST(XmlParserDamage, TextBeforeTheRoot) { xml_error("x<a/>", "TEXT OUTSIDE THE ROOT ELEMENT", 1, 2); }
+TEST(XmlParserDamage, UnterminatedComment) { xml_error("<a><!-- x -></a>", "UNTERMINATED COMMENT", 1, 17); }
+TEST(XmlParserDamage, UnterminatedCdata) {
+    xml_error("<a><![CDATA[x]]</a>", "UNTERMINATED CDATA SECTION", 1, 20);
+}
+TEST(XmlParserDamage, UnterminatedDeclaration) { xml_error("<?xml", "UNTERMINATED DECLARATION", 1, 6); }
+TEST(XmlParserDamage, NameLongerThanAnyElement) {
+    std::string text = "<" + std::string(5000, 'n') + "/>";
+    xml_error(text.c_str(), "ELEMENT NAME EXPECTED", 1, 1027);
+}
+TEST(XmlParserDamage, TooManyAttributes) {
+    std::string text = "<a";
+    for (unsigned int i = 0; i <= XmlParser::kMaxAttributes; ++i) text += " a" + std::to_string(i) + "=''";
+    xml_error((text + "/>").c_str(), "TOO MANY ATTRIBUTES", 1, 2 + 10 * 6 + 54 * 7 + 2);
+}
+TEST(XmlParserDamage, NestingDeeperThanTheLimit) {
+    std::string text;
+    for (int i = 0; i < XmlParser::kMaxDepth; ++i) text = "<a>" + text + "</a>";
+    EXPECT_TRUE(xml_events(text.c_str()).ends_with("</a>\ndone"));  // up to the limit
+    xml_error(("<b>" + text + "</b>").c_str(), "NESTING TOO DEEP", 1, 256 * 3 + 2);
+}
+
+// --- TokenParser ----------------------------------------------------------------------------------------
+
+namespace {
+
+// The tokens of a text: "kind:text@line:column" for each, then "end" or "error: ...".
+std::string tokens(char const* text) {
+    IBStream in(text);
+    TokenParser parser(in);
+    std::string out;
+    static char const* const kinds[] = {"end", "id", "int", "num", "str", "punct", "error"};
+    for (;;) {
+        TokenParser::Kind k = parser.next();
+        if (k == TokenParser::kEnd) return out + "end";
+        if (k == TokenParser::kError) return out + "error: " + str(parser.error());
+        out += std::string(kinds[k]) + ":" + str(parser.text()) + "@" + std::to_string(parser.line()) + ":" +
+               std::to_string(parser.column()) + " ";
+    }
+}
+
+void token_error(char const* text, std::string const& what, int line, int column) {
+    expect_error(tokens, "TOKEN", text, what, line, column);
+}
+
+}  // namespace
+
+TEST(TokenParser, CutsTextIntoTokensWithTheirPositions) {
+    EXPECT_EQ(tokens("name _x.y-z = -12 +3 4.5e-1 1e3 'a\\'' \"\\\"\\\\\\n\\r\\t\\x41\\xfF\";"
+                     " # c\n/ // c\n- {x}"),
+              "id:name@1:1 id:_x.y-z@1:6 punct:=@1:13 int:-12@1:15 int:+3@1:19 num:4.5e-1@1:22 num:1e3@1:29 "
+              "str:a'@1:33 str:\"\\\n\r\tA\xff@1:39 punct:;@1:59 "
+              "punct:/@2:1 punct:-@3:1 punct:{@3:3 id:x@3:4 punct:}@3:5 end");
+}
+
+TEST(TokenParser, GivesTheValuesOfIntegersAndNumbers) {
+    IBStream in("-9223372036854775808 2.5e1 7");
+    TokenParser parser(in);
+    parser.next();
+    EXPECT_EQ(parser.integer(), INT64_MIN);
+    EXPECT_EQ(parser.next(), TokenParser::kNumber);
+    EXPECT_EQ(parser.number(), 25.0);
+    EXPECT_EQ(parser.next(), TokenParser::kInteger);
+    EXPECT_EQ(parser.number(), 7.0);  // an integer's value as a number too
+}
+
+TEST(TokenParserDamage, UnterminatedString) { token_error("a\n  \"open", "UNTERMINATED STRING", 2, 8); }
+TEST(TokenParserDamage, StringCutByLineEnd) { token_error("'a\nb'", "UNTERMINATED STRING", 2, 1); }
+TEST(TokenParserDamage, BadEscape) { token_error("\"a\\q\"", "BAD ESCAPE", 1, 5); }
+TEST(TokenParserDamage, BadHexEscape) { token_error("\"\\x4g\"", "BAD ESCAPE", 1, 6); }
+TEST(TokenParserDamage, IntegerTooLarge) {
+    token_error("9223372036854775808", "INTEGER OUT OF RANGE", 1, 20);
+}
+TEST(TokenParserDamage, IntegerTooSmall) {
+    token_error("-9223372036854775809", "INTEGER OUT OF RANGE", 1, 21);
+}
+TEST(TokenParserDamage, BadNumber) { token_error("1.2.3", "BAD NUMBER", 1, 6); }
+TEST(TokenParserDamage, ControlCharacter) { token_error("a \x01", "CONTROL CHARACTER", 1, 3); }
+
+// --- IniParser ------------------------------------------------------------------------------------------
+
+namespace {
+
+// The events of an INI text: "[section]@line", "section.key=<value>@line"; then "done" or "error: ...".
+std::string ini(char const* text) {
+    IBStream in(text);
+    IniParser parser(in);
+    std::string out;
+    for (;;) {
+        IniParser::Event e = parser.next();
+        if (e == IniParser::kDone) return out + "done";
+        if (e == IniParser::kError) return out + "error: " + str(parser.error());
+        if (e == IniParser::kSection)
+            out += "[" + str(parser.section()) + "]";
+        else
+            out += str(parser.section()) + "." + str(parser.key()) + "=<" + str(parser.value()) + ">";
+        out += "@" + std::to_string(parser.line()) + " ";
+    }
+}
+
+void ini_error(char const* text, std::string const& what, int line, int column) {
+    expect_error(ini, "INI", text, what, line, column);
+}
+
+}  // namespace
+
+TEST(IniParser, ReadsSectionsAndTrimmedEntries) {
+    EXPECT_EQ(
+        ini("top = 1\r\n; comment\n\n  # other\n[ main ]\n\tkey\t=  spaced value  \nq = \" kept \"\n"
+            "empty =\nhalf = \"x\n[second]\r\nurl = a=b ; not a comment"),
+        ".top=<1>@1 [main]@5 main.key=<spaced value>@6 main.q=< kept >@7 main.empty=<>@8 main.half=<\"x>@9 "
+        "[second]@10 second.url=<a=b ; not a comment>@11 done");
+}
+
+TEST(IniParserDamage, HeaderWithoutClosingBracket) { ini_error("a=1\n [main", "']' EXPECTED", 2, 7); }
+TEST(IniParserDamage, EmptySectionName) { ini_error("[  ]", "SECTION NAME EXPECTED", 1, 2); }
+TEST(IniParserDamage, TextAfterTheHeader) { ini_error("[a] b", "TEXT AFTER THE SECTION", 1, 4); }
+TEST(IniParserDamage, LineWithoutEquals) { ini_error("[a]\nkey value", "'=' EXPECTED", 2, 10); }
+TEST(IniParserDamage, EntryWithoutKey) { ini_error(" = v", "KEY EXPECTED", 1, 2); }

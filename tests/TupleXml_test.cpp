@@ -1,0 +1,328 @@
+#include "tarvik/Tuple.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cmath>
+#include <filesystem>
+#include <limits>
+#include <set>
+#include <sstream>
+#include <string>
+
+#include "TestSupport.h"
+#include "tarvik/CommBuffer.h"
+#include "tarvik/GlobVar.h"
+#include "tarvik/IOBStream.h"
+
+using namespace tarvik;
+using tarvik::test::StdoutCapture;
+using tarvik::test::TempDir;
+
+namespace {
+
+std::string str(AString const& s) { return std::string(s.c_str(), s.length()); }
+
+std::string xml_of(Tuple const& t, bool text_mode = false) {
+    AString out;
+    {
+        OBStream stream(out, text_mode);
+        t.write_xml(stream);
+    }
+    return str(out);
+}
+
+Tuple read_back(std::string const& text) {
+    Tuple back;
+    IBStream in(text.c_str());
+    EXPECT_GE(back.read_xml(in), 0) << text;
+    return back;
+}
+
+// A tuple holding every kind, with markup, quotes, white space and non-ASCII text in its strings, extreme
+// numbers, periods and dates, empty lists and empty items.
+Tuple every_kind() {
+    using F = std::numeric_limits<float>;
+    using D = std::numeric_limits<double>;
+    using L = std::numeric_limits<std::int64_t>;
+    AString bytes("<a href=\"x\" b='y'>&amp; </a>\n\r\t\v\f two  spaces \x80\xe9\xff");
+    WChar const units[] = {'<', 0xE9, 0x20AC, 0xD83D, 0xDE00, 0xFFFF, '\n', ' '};
+    StringBuffer buffer(4);  // several pages
+    buffer.append(bytes.c_str(), bytes.length());
+    Tuple inner("user & <co>");
+    inner.set_astring("name\t\"x\"", " padded ");
+    Tuple t("every kind");
+    t.set_bool("b", true);
+    t.set_list_bool("lbo", ListBool{false, true});
+    t.set_int("i", std::numeric_limits<int>::min());
+    t.set_list_int("li", ListInt{std::numeric_limits<int>::max(), 0});
+    t.set_long("l", L::min());
+    t.set_list_long("ll", ListLong{L::max(), -1});
+    t.set_float("f", F::denorm_min());
+    t.set_list_float("lf", ListFloat{F::infinity(), -F::infinity(), F::quiet_NaN(), F::max(), 0.1f});
+    t.set_double("d", D::lowest());
+    t.set_list_double("ld", ListDouble{D::infinity(), D::quiet_NaN(), D::denorm_min(), 0.1});
+    t.set_astring("as", bytes);
+    t.set_list_astring("las", ListAString{bytes, "", " "});
+    t.set_string("s", String(units, 8));
+    t.set_list_string("ls", ListString{String(units, 8), String()});
+    t.set_blob("bb", Blob(std::string(100, '\xa5').data(), 100, 100));  // base64 over several lines
+    t.set_list_blob("lb", ListBlob{Blob(), Blob("\xff", 1, 1)});
+    t.set_stringbuffer("sb", buffer);
+    t.set_list_stringbuffer("lsb", ListStringBuffer{buffer, StringBuffer()});
+    t.set_symbol("ss", Symbol("a <b>"));
+    t.set_list_symbol("lss", ListSymbol{Symbol(""), Symbol("plain")});
+    t.set_time_period("tp", TimePeriod(L::min(), 0, false));
+    t.set_list_time_period("ltp", ListTimePeriod{TimePeriod(0, -1, false), TimePeriod(-5, -250000, false),
+                                                 TimePeriod(L::max(), 999999, false), TimePeriod()});
+    t.set_time_date("td", TimeDate(-44, 3, 15, 12, 30, 0, 7, false));
+    t.set_list_time_date("ltd", ListTimeDate{TimeDate(2024, 2, 29, 23, 59, 59, 999999, false),
+                                             TimeDate(L::max() / 4), TimeDate(std::int64_t{-1})});
+    t.set_array_int("ai", ArrayInt{std::numeric_limits<int>::min(), 0});
+    t.set_array_long("al", ArrayLong{});
+    t.set_array_float("af", ArrayFloat{-0.0f, F::lowest()});
+    t.set_array_double("ad", ArrayDouble{D::max(), D::min()});
+    t.set_list_array_int("lai", ListArrayInt{ArrayInt{1}, ArrayInt{}});
+    t.add_array_long("lal", ArrayLong{L::max()});
+    t.add_array_float("laf", ArrayFloat{F::min()});
+    t.set_list_array_double("lad", ListArrayDouble{});
+    t.set_tuple("t", Tuple()).set_tuple("deeper", inner);
+    t.set_list_tuple("lt", ListTuple{inner, Tuple(), inner});
+    t.set_list_tuple("lt.empty", ListTuple{});
+    t.set_astring("", "unnamed");
+    return t;
+}
+
+// Equal, and alike in what compare() does not tell apart (-0 from 0, nan from nan).
+void expect_same(Tuple const& back, Tuple const& t) {
+    EXPECT_EQ(back, t);
+    EXPECT_EQ(str(back.to_string()), str(t.to_string()));
+    EXPECT_TRUE(std::signbit(back.get_array_float("af")[0]));
+}
+
+}  // namespace
+
+// --- writing and reading back ---------------------------------------------------------------------------
+
+TEST(TupleXml, WritesTheDocumentedText) {
+    Tuple small("order");
+    small.set_int("id", 7);
+    small.add_astring("tags", "a");
+    small.add_astring("tags", "");
+    small.set_tuple("owner", Tuple("user"));
+    EXPECT_EQ(xml_of(small, true),
+              "<t n=\"order\">\n    <i a=\"id\">7</i>\n    <t a=\"owner\" n=\"user\"></t>\n"
+              "    <las a=\"tags\"><z>a</z><z/></las>\n</t>");
+
+    Tuple t;
+    t.set_astring("as", AString("<&>'\"\n\r\v\f\t\x01\x1f\x7f", 13));
+    t.set_time_period("p", TimePeriod(-90, -5, false));
+    t.set_time_date("d", TimeDate(2024, 2, 29, 13, 5, 9, 123456, false));
+    t.set_time_date("ms", TimeDate(2024, 2, 29, 13, 5, 9, 123000, false));
+    t.set_double("x", 0.1);
+    t.set_list_float("lf", ListFloat{-std::numeric_limits<float>::infinity(), std::nanf("")});
+    t.set_bool("b", false);
+    t.set_blob("bb", Blob(std::string(60, '\0').data(), 60, 60));  // two lines of base64
+    t.set_list_array_int("lai", ListArrayInt{ArrayInt{1, 2}, ArrayInt{}});
+    t.add_tuple("lt", Tuple("c"));
+    EXPECT_EQ(xml_of(t),
+              "<t n=\"\">\n<as a=\"as\">&lt;&amp;&gt;&apos;&quot;&#10;&#13;&#11;&#12;\t\x7f</as>\n"
+              "<b a=\"b\">false</b>\n<bb a=\"bb\">" + std::string(76, 'A') + "&#10;AAAA</bb>\n"
+              "<td a=\"d\" us=\"123456\">2024:02:29T13:05:09.123</td>\n"
+              "<lai a=\"lai\"><z><z>1</z><z>2</z></z><z/></lai>\n<lf a=\"lf\"><z>-inf</z><z>nan</z></lf>\n"
+              "<lt a=\"lt\">\n<t n=\"c\"></t>\n</lt>\n<td a=\"ms\">2024:02:29T13:05:09.123</td>\n"
+              "<tp a=\"p\">-01:30.000005</tp>\n<d a=\"x\">0.1</d>\n</t>");
+}
+
+TEST(TupleXml, EveryKindReadsBackIntoAnEqualTuple) {
+    Tuple t = every_kind(), outer("outer");
+    std::set<int> kinds;
+    for (Tuple::ConstValueIterator it(t); it.more(); it.next()) kinds.insert(it.get_type());
+    EXPECT_EQ(kinds.size(), 34u);
+    Tuple back("previous");
+    back.set_int("previous", 1);
+    std::string text = xml_of(t);
+    IBStream in(text.c_str());
+    StdoutCapture capture;
+    EXPECT_EQ(back.read_xml(in), static_cast<long>(t.get_count()));
+    EXPECT_EQ(capture.text(), "");
+    expect_same(back, t);
+
+    // A text-mode stream indents nested elements but never the inside of a value.
+    outer.set_tuple("nested", t);
+    outer.add_tuple("list", t);
+    text = xml_of(outer, true);
+    EXPECT_NE(text.find("\n            <as a=\"as\">"), std::string::npos) << text;  // three levels deep
+    back = read_back(text);
+    expect_same(back.get_tuple("nested"), t);
+    expect_same(back.get_list_tuple("list").front(), t);
+}
+
+TEST(TupleXml, FileOpensWithTheDeclarationAndStoresCrLf) {
+    TempDir dir;
+    Path path(dir.file("t.xml").c_str());
+    Tuple t = every_kind(), back;
+    EXPECT_EQ(t.write_xml(path), static_cast<long>(t.get_count()));
+    std::string bytes = test::read_file(dir.file("t.xml"));
+    EXPECT_TRUE(bytes.starts_with("<?xml version=\"1.0\" encoding=\"utf-8\" standalone=\"yes\"?>\r\n<t "));
+    for (std::size_t at = bytes.find('\n'); at != std::string::npos; at = bytes.find('\n', at + 1))
+        ASSERT_EQ(bytes[at - 1], '\r') << at;
+    EXPECT_EQ(back.read_xml(path), static_cast<long>(t.get_count()));
+    expect_same(back, t);
+    EXPECT_EQ(back.read_xml(Path(dir.file("missing.xml").c_str())), -1000002);
+    EXPECT_EQ(t.write_xml(Path(dir.file("no/dir.xml").c_str())), -1000002);
+}
+
+TEST(TupleXml, AsciiCommBufferCarriesTheXmlText) {
+    Tuple t = every_kind(), back, received;
+    CommBuffer buffer(64);  // the text spans many pages
+    buffer.set_is_ascii(true);
+    EXPECT_EQ(t.write(buffer), static_cast<long>(t.get_count()));
+    for (CommBuffer::PageIterator it(buffer); it.hasNext();)
+        EXPECT_EQ(std::string(it.next()->flags, 4), "axxx");
+    EXPECT_EQ(back.read(buffer), static_cast<long>(t.get_count()));
+    expect_same(back, t);
+    // On the wire: the receiver learns from the flags that the buffer is text.
+    AString text = buffer.to_string();
+    EXPECT_TRUE(str(text).starts_with("TVK01/axxx0/00000040/<t n=\"every kind\">\n    <")) << str(text);
+    CommBuffer wire;
+    IBStream in(text.c_str());
+    ASSERT_EQ(wire.read(in), static_cast<long>(text.length()));
+    EXPECT_TRUE(wire.is_ascii());
+    EXPECT_EQ(received.read(wire), static_cast<long>(t.get_count()));
+    expect_same(received, t);
+}
+
+TEST(TupleXml, ControlCharactersOtherThanWhiteSpaceAreDropped) {
+    Tuple t("c\x01lass");
+    t.set_astring("n\x02", AString("a\x01\x02\x08\x0e\x1f\x7f\t\n\r\v\fb", 14));
+    t.add_string("ls", String(u"x\u0001\u001by"));
+    EXPECT_EQ(str(read_back(xml_of(t)).to_string()),
+              "class{ls:ls=[\"xy\"], n:as=\"a\\x7F\\t\\n\\r\\x0B\\x0Cb\"}");
+}
+
+TEST(TupleXml, NegativePeriodsAndMicrosecondDatesComeBackExactly) {
+    using L = std::numeric_limits<std::int64_t>;
+    Tuple t;
+    t.add_time_period("p", TimePeriod(0, -1, false));
+    t.add_time_period("p", TimePeriod(L::min(), -999999, false));
+    t.add_time_date("d", TimeDate(2024, 2, 29, 23, 59, 59, 1, false));
+    t.add_time_date("d", TimeDate(std::int64_t{-1}));
+    t.add_time_date("d", TimeDate(L::max() / 4));  // beyond the calendar's years
+    std::string text = xml_of(t);
+    EXPECT_EQ(text,
+              "<t n=\"\">\n<ltd a=\"d\"><z us=\"1\">2024:02:29T23:59:59.000</z>"
+              "<z>-4714:11:23T23:59:59.000</z><z>@26687997791825:03:52:31.000000</z></ltd>\n"
+              "<ltp a=\"p\"><z>-0.000001</z><z>-106751991167300:15:30:08.999999</z></ltp>\n</t>");
+    EXPECT_EQ(read_back(text), t);
+}
+
+// --- damage ---------------------------------------------------------------------------------------------
+
+namespace {
+
+// read_xml refuses the text with the record, fails, and leaves the tuple as it was.
+void refused(std::string const& text, std::string const& record) {
+    Tuple t("kept");
+    t.set_int("k", 1);
+    StdoutCapture capture;
+    IBStream in(text.c_str());
+    EXPECT_EQ(t.read_xml(in), -1);
+    std::istringstream lines(capture.text());
+    int n = 0;
+    for (std::string line; std::getline(lines, line);) n += line.ends_with("||" + record);
+    EXPECT_EQ(n, 1) << capture.text();
+    EXPECT_EQ(str(t.to_string()), "kept{k:i=1}");
+}
+
+// A tuple holding the value is refused with the parser's record "XML: what AT LINE 1 COLUMN column".
+void bad(std::string const& value, std::string const& what, int column) {
+    refused("<t n='c'>" + value + "</t>", "XML: " + what + " AT LINE 1 COLUMN " + std::to_string(column));
+}
+
+}  // namespace
+
+TEST(TupleXmlDamage, Truncated) {
+    refused("<t n='c'><i a='k'>1</i>", "XML: UNEXPECTED END OF TEXT AT LINE 1 COLUMN 24");
+}
+TEST(TupleXmlDamage, MismatchedEndTag) { bad("<i a='k'>1</l>", "END TAG DOES NOT MATCH", 24); }
+TEST(TupleXmlDamage, TupleWithoutClass) {
+    refused("<t>\n<i a='k'>1</i></t>", "CLASS NAME EXPECTED t line 1 column 4");
+}
+TEST(TupleXmlDamage, NestedTupleWithoutClass) {
+    refused("<t n=''><t a=''/></t>", "CLASS NAME EXPECTED t line 1 column 18");
+}
+TEST(TupleXmlDamage, ValueWithoutName) {
+    refused("<t n=''><i>1</i></t>", "ATT NAME EXPECTED i line 1 column 12");
+}
+TEST(TupleXmlDamage, RootIsNotATuple) { refused("<tbl n='c'/>", "MARKUP t EXPECTED tbl"); }
+TEST(TupleXmlDamage, ItemIsNotZ) { refused("<t n=''><li a=''><y/></li></t>", "MARKUP z EXPECTED y"); }
+TEST(TupleXmlDamage, ListOfTuplesHoldsZ) { refused("<t n=''><lt a=''><z/></lt></t>", "MARKUP t EXPECTED z"); }
+TEST(TupleXmlDamage, TextAmongValues) { refused("<t n=''>oops</t>", "MARKUP value element EXPECTED text"); }
+TEST(TupleXmlDamage, UnknownKindCode) { bad("<q a='k'>1</q>", "UNKNOWN KIND q", 19); }
+TEST(TupleXmlDamage, BadInteger) { bad("<i a='k'>12x</i>", "BAD NUMBER", 26); }
+TEST(TupleXmlDamage, IntegerOutOfRange) { bad("<i a='k'>2147483648</i>", "BAD NUMBER", 33); }
+TEST(TupleXmlDamage, BadBoolean) { bad("<b a='k'>yes</b>", "BAD BOOLEAN", 26); }
+TEST(TupleXmlDamage, BadBase64) { bad("<bb a='k'>A@==</bb>", "BAD BASE64", 29); }
+TEST(TupleXmlDamage, BadDate) { bad("<td a='k'>2024-02-29</td>", "BAD TIME DATE", 35); }
+TEST(TupleXmlDamage, DateWithTrailingText) {
+    bad("<td a='k'>2024:02:29T00:00:00 x</td>", "BAD TIME DATE", 46);
+}
+TEST(TupleXmlDamage, BadMicroseconds) {
+    bad("<td a='k' us='1000000'>2024:02:29T00:00:00</td>", "BAD TIME DATE", 33);
+}
+TEST(TupleXmlDamage, BadPeriod) { bad("<tp a='k'>1 s</tp>", "BAD TIME PERIOD", 28); }
+TEST(TupleXmlDamage, PeriodBeyondItsRange) {
+    bad("<tp a='k'>106751991167300:15:30:08</tp>", "BAD TIME PERIOD", 49);
+}
+TEST(TupleXmlDamage, UndefinedEntity) { bad("<as a='k'>&nbsp;</as>", "BAD REFERENCE", 26); }
+TEST(TupleXmlDamage, HugeCharacterReference) {
+    bad("<as a='k'>&#99999999999999999999;</as>", "BAD REFERENCE", 35);
+}
+TEST(TupleXmlDamage, AttributeRepeated) {
+    refused("<t n='c' n='d'/>", "XML: ATTRIBUTE REPEATED AT LINE 1 COLUMN 11");
+}
+TEST(TupleXmlDamage, TextAfterTheRoot) {
+    refused("<t n='c'/>\nx", "XML: TEXT OUTSIDE THE ROOT ELEMENT AT LINE 2 COLUMN 2");
+}
+TEST(TupleXmlDamage, SecondRoot) {
+    refused("<t n='c'/><t n='d'/>", "XML: TEXT AFTER THE ROOT ELEMENT AT LINE 1 COLUMN 12");
+}
+TEST(TupleXmlDamage, DocumentTypeWithEntities) {
+    refused("<!DOCTYPE t [<!ENTITY a 'aaaaaaaa'><!ENTITY b '&a;&a;&a;&a;&a;&a;&a;&a;'>]><t n='&b;'/>",
+            "XML: DOCUMENT TYPE DECLARATIONS ARE NOT SUPPORTED AT LINE 1 COLUMN 3");
+}
+TEST(TupleXmlDamage, NestingBeyondTheParserLimit) {
+    std::string text = "<t n='c'>";
+    for (int i = 0; i < 100000; ++i) text += "<t a='a' n='c'>";
+    refused(text, "XML: NESTING TOO DEEP AT LINE 1 COLUMN " + std::to_string(256 * 15 - 4));
+}
+
+// --- debug dumps ----------------------------------------------------------------------------------------
+
+TEST(TupleXmlDebugDump, AsciiWritesAndReadsAreSavedWhileSwitchedOn) {
+    TempDir dir;
+    std::string cwd = std::filesystem::current_path().string();
+    ASSERT_EQ(::chdir(dir.path().c_str()), 0);
+    int previous = GlobVarInt::set(Symbol("TVK.COMM"), Symbol("REQUESTS.XML.SAVE"), 1);
+    Tuple t("req"), back;
+    t.set_int("n", 1);
+    CommBuffer buffers[4];
+    for (CommBuffer& b : buffers) b.set_is_ascii(true);
+    for (int i = 0; i < 3; ++i) t.write(buffers[i]);
+    EXPECT_EQ(back.read(buffers[1]), 1);
+    GlobVarInt::set(Symbol("TVK.COMM"), Symbol("REQUESTS.XML.SAVE"), 0);
+    t.write(buffers[3]);
+    back.read(buffers[3]);
+    GlobVarInt::set(Symbol("TVK.COMM"), Symbol("REQUESTS.XML.SAVE"), previous);
+    ASSERT_EQ(::chdir(cwd.c_str()), 0);
+
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(test::read_file(dir.file(("debug-req-0000" + std::to_string(i) + "-write.txt").c_str())),
+                  str(buffers[i].to_string()));
+    EXPECT_EQ(test::read_file(dir.file("debug-req-00001-write.txt")),
+              "TVK01/axxx1/00000038/<t n=\"req\">\n    <i a=\"n\">1</i>\n</t>");
+    EXPECT_EQ(test::read_file(dir.file("debug-req-00003-read.txt")), str(buffers[1].to_string()));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()), {}), 4);
+}
