@@ -20,8 +20,20 @@ constexpr std::int64_t kMicro = 1000000;
 // Julian day of 1970-01-01.
 constexpr long kEpochDay = 2440588;
 
+// Seconds arithmetic wraps around at the ends of the 64-bit range, as the machine's does, instead of
+// overflowing (which C++ leaves undefined): extreme periods give wrapped values, never a fault.
+std::int64_t wrap_add(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) + static_cast<std::uint64_t>(b));
+}
+std::int64_t wrap_sub(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
+}
+std::int64_t wrap_mul(std::int64_t a, std::int64_t b) {
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) * static_cast<std::uint64_t>(b));
+}
+
 std::int64_t fraction_micro(long fraction, bool in_ms) {
-    return in_ms ? static_cast<std::int64_t>(fraction) * 1000 : static_cast<std::int64_t>(fraction);
+    return in_ms ? wrap_mul(fraction, 1000) : static_cast<std::int64_t>(fraction);
 }
 
 // Reads decimal digits from p with saturation (never overflows); advances p past them.
@@ -50,13 +62,13 @@ std::int64_t safe_atoi(char const* p) {
 void TimePeriod::normalize_() {
     // The fields may have been set from a 64-bit intermediate; do the carry in 64 bits.
     std::int64_t micro = microseconds_;
-    seconds_ += micro / kMicro;
+    seconds_ = wrap_add(seconds_, micro / kMicro);
     micro %= kMicro;
     if (seconds_ < 0 && micro > 0) {
-        seconds_ += 1;
+        seconds_ = wrap_add(seconds_, 1);
         micro -= kMicro;
     } else if (seconds_ > 0 && micro < 0) {
-        seconds_ -= 1;
+        seconds_ = wrap_sub(seconds_, 1);
         micro += kMicro;
     }
     microseconds_ = static_cast<std::int32_t>(micro % kMicro);
@@ -66,7 +78,7 @@ namespace {
 
 // Builds a period from 64-bit seconds and a 64-bit microsecond count, normalised.
 TimePeriod make_period(std::int64_t seconds, std::int64_t micro) {
-    return TimePeriod(seconds + micro / kMicro, static_cast<long>(micro % kMicro), false);
+    return TimePeriod(wrap_add(seconds, micro / kMicro), static_cast<long>(micro % kMicro), false);
 }
 
 }  // namespace
@@ -84,8 +96,8 @@ TimePeriod::TimePeriod(timeval const& tv) { time_period(tv); }
 TimePeriod& TimePeriod::time_period(long days, long hours, long minutes, long seconds, long fraction,
                                     bool fraction_in_ms) {
     std::int64_t micro = fraction_micro(fraction, fraction_in_ms);
-    seconds_ = static_cast<std::int64_t>(days) * kDay + static_cast<std::int64_t>(hours) * 3600 +
-               static_cast<std::int64_t>(minutes) * 60 + seconds + micro / kMicro;
+    seconds_ = wrap_add(wrap_add(wrap_add(wrap_mul(days, kDay), wrap_mul(hours, 3600)), wrap_mul(minutes, 60)),
+                        wrap_add(seconds, micro / kMicro));
     microseconds_ = static_cast<std::int32_t>(micro % kMicro);
     normalize_();
     return *this;
@@ -93,7 +105,7 @@ TimePeriod& TimePeriod::time_period(long days, long hours, long minutes, long se
 
 TimePeriod& TimePeriod::time_period(std::int64_t seconds, long fraction, bool fraction_in_ms) {
     std::int64_t micro = fraction_micro(fraction, fraction_in_ms);
-    seconds_ = seconds + micro / kMicro;
+    seconds_ = wrap_add(seconds, micro / kMicro);
     microseconds_ = static_cast<std::int32_t>(micro % kMicro);
     normalize_();
     return *this;
@@ -107,17 +119,17 @@ TimePeriod& TimePeriod::operator=(std::int64_t const& seconds) {
 
 TimePeriod TimePeriod::operator-() const {
     TimePeriod r;
-    r.seconds_ = -seconds_;
+    r.seconds_ = wrap_sub(0, seconds_);
     r.microseconds_ = -microseconds_;
     return r;
 }
 
 TimePeriod TimePeriod::operator+(TimePeriod const& other) const {
-    return make_period(seconds_ + other.seconds_, static_cast<std::int64_t>(microseconds_) + other.microseconds_);
+    return make_period(wrap_add(seconds_, other.seconds_), static_cast<std::int64_t>(microseconds_) + other.microseconds_);
 }
 
 TimePeriod TimePeriod::operator-(TimePeriod const& other) const {
-    return make_period(seconds_ - other.seconds_, static_cast<std::int64_t>(microseconds_) - other.microseconds_);
+    return make_period(wrap_sub(seconds_, other.seconds_), static_cast<std::int64_t>(microseconds_) - other.microseconds_);
 }
 
 TimePeriod& TimePeriod::operator+=(TimePeriod const& other) { return *this = *this + other; }
@@ -125,12 +137,12 @@ TimePeriod& TimePeriod::operator+=(TimePeriod const& other) { return *this = *th
 TimePeriod& TimePeriod::operator-=(TimePeriod const& other) { return *this = *this - other; }
 
 TimePeriod& TimePeriod::operator*=(long n) {
-    return *this = make_period(seconds_ * n, static_cast<std::int64_t>(microseconds_) * n);
+    return *this = make_period(wrap_mul(seconds_, n), wrap_mul(microseconds_, n));
 }
 
 TimePeriod TimePeriod::operator*(long n) const {
     // The multiplied fraction is read as milliseconds: the fixed rule of this operator.
-    return TimePeriod(seconds_ * n, static_cast<long>(static_cast<std::int64_t>(microseconds_) * n), true);
+    return TimePeriod(wrap_mul(seconds_, n), static_cast<long>(wrap_mul(microseconds_, n)), true);
 }
 
 TimePeriod TimePeriod::operator/(long n) const {
@@ -218,7 +230,8 @@ bool TimePeriod::from_string(char const* text) {
     // Right-align the numbers given onto days, hours, minutes, seconds.
     std::int64_t dhms[4] = {0, 0, 0, 0};
     for (int i = 0; i < given; ++i) dhms[4 - given + i] = fields[i];
-    std::int64_t seconds = dhms[0] * kDay + dhms[1] * 3600 + dhms[2] * 60 + dhms[3];
+    std::int64_t seconds = wrap_add(wrap_add(wrap_mul(dhms[0], kDay), wrap_mul(dhms[1], 3600)),
+                                    wrap_add(wrap_mul(dhms[2], 60), dhms[3]));
     *this = make_period(seconds, micro);
     return true;
 }

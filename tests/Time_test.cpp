@@ -8,12 +8,14 @@
 #include <cstdlib>
 #include <cstdint>
 #include <ctime>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "TestSupport.h"
 #include "tarvik/IOBStream.h"
+#include "tarvik/Tuple.h"
 
 namespace tarvik {
 // Readable values in failure messages.
@@ -374,4 +376,22 @@ TEST(TimeDate, FileTimeIsLocalTimeOrTheEpochWhenItCannotBeConverted) {
     EXPECT_EQ(far.get_year(), 1899);
     EXPECT_EQ(far.get_month(), local.tm_mon + 1);
     EXPECT_EQ(far.get_day(), local.tm_mday);
+}
+
+TEST(TimePeriod, ArithmeticWrapsAtTheEndsOfTheRangeInsteadOfOverflowing) {
+    std::int64_t const max = std::numeric_limits<std::int64_t>::max();
+    std::int64_t const min = std::numeric_limits<std::int64_t>::min();
+    EXPECT_EQ((TimePeriod(max, 0, false) + TimePeriod(1, 0, false)).get_seconds(), min);
+    EXPECT_EQ((TimePeriod(min, 0, false) - TimePeriod(1, 0, false)).get_seconds(), max);
+    EXPECT_EQ((-TimePeriod(min, 0, false)).get_seconds(), min);
+    TimePeriod scaled(max, 0, false);
+    scaled *= 2;
+    EXPECT_EQ(scaled.get_seconds(), -2);
+    EXPECT_EQ(TimePeriod(max, 0, false).to_milliseconds(), static_cast<std::int64_t>(static_cast<std::uint64_t>(max) * 1000u));
+    TimePeriod parsed;
+    parsed.from_string("999999999999999999:0:0:0");  // days beyond the range: wraps, no fault
+    // Dates at the ends of the range still have a text form.
+    tarvik::Tuple t;
+    t.set_time_date("d", TimeDate(TimePeriod(min, 0, false)));
+    EXPECT_FALSE(t.to_string().is_empty());
 }

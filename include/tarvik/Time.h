@@ -31,6 +31,9 @@
 // any other letter stands for itself. The default format is "%Y-%m-%d %H:%M:%S.%Q"; the XML form is
 // "%Y:%m:%dT%H:%M:%S.%Q".
 //
+// Arithmetic on the seconds wraps around at the ends of the 64-bit range (as the machine's does) rather
+// than overflowing: extreme values give wrapped results, never a fault.
+//
 // Thread safety: both are plain values, used by one thread at a time.
 #pragma once
 
@@ -79,8 +82,13 @@ public:
     long seconds() const { return to_seconds() % 60; }
     long milliseconds() const { return microseconds_ / 1000; }
     long microseconds() const { return microseconds_; }
-    std::int64_t to_milliseconds() const { return seconds_ * 1000 + microseconds_ / 1000; }
-    std::int64_t to_microseconds() const { return seconds_ * 1000000 + microseconds_; }
+    // Wrapping at the ends of the 64-bit range, as the period's own arithmetic does.
+    std::int64_t to_milliseconds() const {
+        return static_cast<std::int64_t>(static_cast<std::uint64_t>(seconds_) * 1000u + static_cast<std::uint64_t>(microseconds_ / 1000));
+    }
+    std::int64_t to_microseconds() const {
+        return static_cast<std::int64_t>(static_cast<std::uint64_t>(seconds_) * 1000000u + static_cast<std::uint64_t>(static_cast<std::int64_t>(microseconds_)));
+    }
 
     static bool is_microsecond(long value) { return value >= -999999 && value <= 999999; }
 

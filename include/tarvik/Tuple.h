@@ -79,7 +79,8 @@
 // Value texts: b true/false; i l decimal; f d the shortest decimal that reads back exactly, inf, -inf, nan;
 // as sb ss the text; s the text in UTF-8; bb base64; tp the period's full-precision text, with "-" in front
 // of a negative period's opposite; td "Y:MM:DDTHH:MM:SS.mmm", and when the date has microseconds that
-// milliseconds cannot hold, the attribute us="microseconds" as well. In texts and attribute values the
+// milliseconds cannot hold, the attribute us="microseconds" as well; a date the calendar text cannot hold
+// (years beyond 16 bits) is "@" and its stored period since the start of Julian day 0. In texts and attribute values the
 // characters & < > ' " are entities and line feed, carriage return, vertical tab and form feed are character
 // references (so indentation never reaches inside a value); other characters below 32 except tab are
 // dropped, as in every XML text of the library. Malformed input logs "CLASS NAME EXPECTED %0 %1" (a t
