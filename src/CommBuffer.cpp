@@ -404,43 +404,9 @@ long CommBuffer::write_signed_(long long value) {
     return write_byte(bytes, encode_signed(value, bytes));
 }
 
-namespace {
-
-// Decodes a value whose bytes all lie in `p` (at most `left` of them); the bytes taken, or 0 when the
-// value does not end within them (the caller then goes byte by byte across pages).
-unsigned int decode_in_place(unsigned char const* p, unsigned int left, bool is_signed, unsigned long long& out) {
-    unsigned int n = 0;
-    unsigned long long v = 0;
-    unsigned int shift = 0;
-    bool negative = false;
-    if (is_signed) {
-        if (left < 2) return 0;
-        negative = (p[0] & 0x80) != 0;
-        v = p[0] & 0x7F;
-        shift = 7;
-        n = 1;
-    }
-    while (n < left) {
-        unsigned char b = p[n++];
-        if (shift < 64) v |= static_cast<unsigned long long>(b & 0x7F) << shift;
-        shift += 7;
-        if (b & 0x80) {
-            out = negative ? 0ull - v : v;
-            return n;
-        }
-    }
-    return 0;
-}
-
-}  // namespace
-
 unsigned int CommBuffer::read_unsigned_(unsigned long long& value) const {
     if (settle(pos_, first_)) {
-        unsigned int n = decode_in_place(pos_.page->data() + pos_.offset, pos_.page->used - pos_.offset, false, value);
-        if (n) {
-            pos_.offset += n;
-            return n;
-        }
+        if (unsigned int n = decode_here_(false, value)) return n;  // the whole value lies in this page
     }
     unsigned long long v = 0;
     unsigned int shift = 0;
@@ -459,9 +425,7 @@ unsigned int CommBuffer::read_unsigned_(unsigned long long& value) const {
 unsigned int CommBuffer::read_signed_(long long& value) const {
     if (settle(pos_, first_)) {
         unsigned long long v;
-        unsigned int n = decode_in_place(pos_.page->data() + pos_.offset, pos_.page->used - pos_.offset, true, v);
-        if (n) {
-            pos_.offset += n;
+        if (unsigned int n = decode_here_(true, v)) {  // the whole value lies in this page
             value = static_cast<long long>(v);
             return n;
         }

@@ -57,20 +57,23 @@ bool append_utf8(AString& out, unsigned long cp) {
     return true;
 }
 
+// Reads one character and keeps the 1-based line and column of the next one.
+int get_counting(IBStream& in, unsigned int& line, unsigned int& column) {
+    int c = in.get();
+    if (c == '\n') {
+        ++line;
+        column = 1;
+    } else if (c >= 0) {
+        ++column;
+    }
+    return c;
+}
+
 }  // namespace
 
 XmlParser::XmlParser(IBStream& in) : in_(in) {}
 
-int XmlParser::get_() {
-    int c = in_.get();
-    if (c == '\n') {
-        ++line_;
-        column_ = 1;
-    } else if (c >= 0) {
-        ++column_;
-    }
-    return c;
-}
+int XmlParser::get_() { return get_counting(in_, line_, column_); }
 
 int XmlParser::peek_() { return in_.peek(); }
 
@@ -299,16 +302,7 @@ AString const* XmlParser::attribute(char const* name) const {
 
 TokenParser::TokenParser(IBStream& in) : in_(in) {}
 
-int TokenParser::get_() {
-    int c = in_.get();
-    if (c == '\n') {
-        ++line_;
-        column_ = 1;
-    } else if (c >= 0) {
-        ++column_;
-    }
-    return c;
-}
+int TokenParser::get_() { return get_counting(in_, line_, column_); }
 
 TokenParser::Kind TokenParser::fail_(char const* what) {
     if (kind_ != kError) {

@@ -82,14 +82,7 @@ bool Table::read_xml(XmlParser& in) {
 
 long Table::read_xml(IBStream& in) {
     XmlParser parser(in);
-    XmlParser::Event e = parser.next_markup();
-    if (e != XmlParser::kStart || parser.name() != "tbl") {
-        if (e != XmlParser::kError) {
-            TVK_LOG(LEVEL_ERR, "MARKUP %0 EXPECTED %1") << "tbl" << (e == XmlParser::kStart ? parser.name() : AString("text"));
-            parser.fail("MARKUP EXPECTED");
-        }
-        return -1;
-    }
+    if (!tuple_xml::root_element(parser, "tbl")) return -1;
     // The document ends with the table, as with a tuple's; this table changes only when both hold.
     Table parsed;
     if (!parsed.read_xml(parser) || parser.next_markup() != XmlParser::kDone) return -1;
@@ -98,18 +91,11 @@ long Table::read_xml(IBStream& in) {
 }
 
 long Table::write_xml(Path const& path) const {
-    OBStream out(path, false, true);
-    if (!out.is_open()) return kCannotOpenFile;
-    out.put("<?xml version=\"1.0\" encoding=\"utf-8\" standalone=\"yes\"?>\n");
-    long n = write_xml(out);
-    out.put('\n');
-    return n;
+    return tuple_xml::write_document(path, [this](OBStream& out) { return write_xml(out); });
 }
 
 long Table::read_xml(Path const& path) {
-    IBStream in(path, true);
-    if (!in.is_open()) return kCannotOpenFile;
-    return read_xml(in);
+    return tuple_xml::read_document(path, [this](IBStream& in) { return read_xml(in); });
 }
 
 }  // namespace tarvik

@@ -34,17 +34,6 @@ bool missing_name(XmlParser& in) {
     return false;
 }
 
-bool wrong_markup(XmlParser& in, char const* expected, XmlParser::Event found) {
-    AString what = found == XmlParser::kStart ? in.name()
-                   : found == XmlParser::kEnd ? AString("/") + in.name()
-                   : found == XmlParser::kText ? AString("text")
-                                               : AString("end of text");
-    if (found != XmlParser::kError) {
-        TVK_LOG(LEVEL_ERR, "MARKUP %0 EXPECTED %1") << expected << what;
-        in.fail("MARKUP EXPECTED");
-    }
-    return false;
-}
 
 bool bad_value(XmlParser& in, char const* what) {
     in.fail(what);
@@ -127,6 +116,24 @@ bool tuple_element(XmlParser& in, Tuple& t) {
 }
 
 }  // namespace
+
+bool wrong_markup(XmlParser& in, char const* expected, XmlParser::Event found) {
+    AString what = found == XmlParser::kStart ? in.name()
+                   : found == XmlParser::kEnd ? AString("/") + in.name()
+                   : found == XmlParser::kText ? AString("text")
+                                               : AString("end of text");
+    if (found != XmlParser::kError) {
+        TVK_LOG(LEVEL_ERR, "MARKUP %0 EXPECTED %1") << expected << what;
+        in.fail("MARKUP EXPECTED");
+    }
+    return false;
+}
+
+bool root_element(XmlParser& in, char const* name) {
+    XmlParser::Event e = in.next_markup();
+    if (e == XmlParser::kStart && in.name() == name) return true;
+    return wrong_markup(in, name, e);
+}
 
 bool read_text(XmlParser& in, AString& out) {
     out.clear();
@@ -257,11 +264,7 @@ bool read(XmlParser& in, Tuple& t) {
 
 long Tuple::read_xml(IBStream& in) {
     XmlParser parser(in);
-    XmlParser::Event e = parser.next_markup();
-    if (e != XmlParser::kStart || parser.name() != "t") {
-        tuple_xml::wrong_markup(parser, "t", e);
-        return -1;
-    }
+    if (!tuple_xml::root_element(parser, "t")) return -1;
     Tuple parsed;
     if (!tuple_xml::tuple_element(parser, parsed)) return -1;
     // The document ends with the tuple: anything but white space, comments and processing instructions
@@ -272,9 +275,7 @@ long Tuple::read_xml(IBStream& in) {
 }
 
 long Tuple::read_xml(Path const& path) {
-    IBStream in(path, true);
-    if (!in.is_open()) return kCannotOpenFile;
-    return read_xml(in);
+    return tuple_xml::read_document(path, [this](IBStream& in) { return read_xml(in); });
 }
 
 }  // namespace tarvik

@@ -236,12 +236,7 @@ long Tuple::write_xml(OBStream& out) const {
 }
 
 long Tuple::write_xml(Path const& path) const {
-    OBStream out(path, false, true);
-    if (!out.is_open()) return kCannotOpenFile;
-    out.put("<?xml version=\"1.0\" encoding=\"utf-8\" standalone=\"yes\"?>\n");
-    long n = write_xml(out);
-    out.put('\n');
-    return n;
+    return tuple_xml::write_document(path, [this](OBStream& out) { return write_xml(out); });
 }
 
 }  // namespace tarvik

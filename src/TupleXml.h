@@ -14,7 +14,9 @@
 #include "tarvik/Parser.h"
 #include "tarvik/Time.h"
 #include "tarvik/IOBStream.h"
+#include "tarvik/Path.h"
 #include "tarvik/TypeManager.h"
+#include "tarvik/Types.h"
 
 namespace tarvik::tuple_xml {
 
@@ -106,6 +108,30 @@ void write_items(OBStream& out, C const& items) {
 
 // Fails the parser: an item was expected and something else found.
 bool expected_item(XmlParser& in, XmlParser::Event found);
+// Fails the parser with "MARKUP EXPECTED" (and logs what was found instead), unless it failed already.
+bool wrong_markup(XmlParser& in, char const* expected, XmlParser::Event found);
+// Reads the document's first markup, which must be the start tag `name`; otherwise fails the parser.
+bool root_element(XmlParser& in, char const* name);
+
+// A whole document file: the XML declaration, the root element `write_root` writes, a final line end.
+// Returns what write_root returns, or kCannotOpenFile when the file cannot be created.
+template <class WriteRoot>
+long write_document(Path const& path, WriteRoot write_root) {
+    OBStream out(path, false, true);
+    if (!out.is_open()) return kCannotOpenFile;
+    out.put("<?xml version=\"1.0\" encoding=\"utf-8\" standalone=\"yes\"?>\n");
+    long n = write_root(out);
+    out.put('\n');
+    return n;
+}
+
+// Reads a document file through `read_root`; kCannotOpenFile when the file cannot be opened.
+template <class ReadRoot>
+long read_document(Path const& path, ReadRoot read_root) {
+    IBStream in(path, true);
+    if (!in.is_open()) return kCannotOpenFile;
+    return read_root(in);
+}
 
 // Reads <z> items up to the end tag, each into a fresh element made by `add`.
 template <class Add>
