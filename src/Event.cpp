@@ -18,7 +18,14 @@ Event::~Event() { close_(); }
 
 void Event::close_() {
     if (!handle_) return;
-    if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "DELETE EVENT %0") << (name_.is_empty() ? AString().Format("%p", static_cast<void*>(this)) : name_);
+    if (tvk_log() > 1) {
+        // An unnamed event is known by its address, printed as "CREATE EVENT %0" printed it.
+        if (name_.is_empty()) {
+            TVK_LOG(LEVEL_LOG, "DELETE EVENT %0") << static_cast<void const*>(this);
+        } else {
+            TVK_LOG(LEVEL_LOG, "DELETE EVENT %0") << name_;
+        }
+    }
     event_impl::close(handle_);
     handle_ = nullptr;
 }

@@ -41,19 +41,6 @@ void init_state(Shared* s, Kind kind, bool process_shared) {
 }
 
 // "/tvk.<kind>.<name>" with every '/' of the name made '_' (a shared-memory name holds one '/').
-bool make_path(char const* name, Kind kind, char (&path)[256]) {
-    int n = std::snprintf(path, sizeof path, "/tvk.%s.", kind == Kind::kEvent ? "ev" : "mx");
-    for (char const* p = name; *p; ++p) {
-        if (n >= static_cast<int>(sizeof path) - 1) {
-            errno = ENAMETOOLONG;
-            return false;
-        }
-        path[n++] = *p == '/' ? '_' : *p;
-    }
-    path[n] = '\0';
-    return true;
-}
-
 // Waits (briefly) until a freshly created object has its size and its state.
 bool wait_initialised(int fd) {
     for (int i = 0; i < 1000; ++i) {
@@ -65,7 +52,31 @@ bool wait_initialised(int fd) {
     return false;
 }
 
+// Gives up an open: closes fd (when open), removes the name when this open created it, frees the object,
+// and keeps errno as the failure left it.
+Object* fail_open(Object* object, int fd, bool created) {
+    int e = errno;
+    if (fd >= 0) ::close(fd);
+    if (created) ::shm_unlink(object->path);
+    delete object;
+    errno = e;
+    return nullptr;
+}
+
 }  // namespace
+
+bool make_path(char const* kind, char const* name, char (&path)[256]) {
+    int n = std::snprintf(path, sizeof path, "/tvk.%s.", kind);
+    for (char const* p = name; *p; ++p) {
+        if (n >= static_cast<int>(sizeof path) - 1) {
+            errno = ENAMETOOLONG;
+            return false;
+        }
+        path[n++] = *p == '/' ? '_' : *p;
+    }
+    path[n] = '\0';
+    return true;
+}
 
 Object* open(char const* name, Kind kind, bool create) {
     auto* object = new Object;
@@ -74,51 +85,43 @@ Object* open(char const* name, Kind kind, bool create) {
         init_state(object->shared, kind, false);
         return object;
     }
-    if (!make_path(name, kind, object->path)) {
+    if (!make_path(kind == Kind::kEvent ? "ev" : "mx", name, object->path)) {
         delete object;
         return nullptr;
     }
-    bool created = false;
-    int fd = create ? ::shm_open(object->path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666) : -1;
-    if (fd >= 0) {
-        created = true;
-        ::fchmod(fd, 0666);  // any process of the machine may open it, whatever the umask
-        if (::ftruncate(fd, sizeof(Shared)) != 0) {
-            int e = errno;
-            ::close(fd);
-            ::shm_unlink(object->path);
-            delete object;
-            errno = e;
-            return nullptr;
+    // A last holder that is closing removes the name while holding its exclusive lock; one that opened the
+    // name just before that gets its shared lock only once the object is unlinked. Such an orphan is left
+    // and the name opened (or created) again, so that every holder of a name shares one object.
+    for (int attempt = 0;; ++attempt) {
+        bool created = false;
+        int fd = create ? ::shm_open(object->path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666) : -1;
+        if (fd >= 0) {
+            created = true;
+            ::fchmod(fd, 0666);  // any process of the machine may open it, whatever the umask
+            if (::ftruncate(fd, sizeof(Shared)) != 0) return fail_open(object, fd, true);
+        } else if (!create || errno == EEXIST) {
+            fd = ::shm_open(object->path, O_RDWR | O_CLOEXEC, 0666);
+            if (fd < 0 && errno == ENOENT && create && attempt < 100) continue;  // its last holder just went
         }
-    } else if (!create || errno == EEXIST) {
-        fd = ::shm_open(object->path, O_RDWR | O_CLOEXEC, 0666);
+        if (fd < 0 || (!created && !wait_initialised(fd))) return fail_open(object, fd, false);
+        ::flock(fd, LOCK_SH);  // one more holder
+        struct stat st;
+        if (::fstat(fd, &st) == 0 && st.st_nlink == 0 && attempt < 100) {
+            ::close(fd);  // unlinked meanwhile by its last holder
+            continue;
+        }
+        void* view = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (view == MAP_FAILED) return fail_open(object, fd, created);
+        object->fd = fd;
+        object->shared = static_cast<Shared*>(view);
+        if (created) {
+            init_state(object->shared, kind, true);
+        } else {
+            for (int i = 0; i < 1000 && object->shared->ready.load(std::memory_order_acquire) != 1; ++i)
+                ::usleep(1000);
+        }
+        return object;
     }
-    if (fd < 0 || (!created && !wait_initialised(fd))) {
-        int e = errno;
-        if (fd >= 0) ::close(fd);
-        delete object;
-        errno = e;
-        return nullptr;
-    }
-    void* view = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    if (view == MAP_FAILED) {
-        int e = errno;
-        ::close(fd);
-        if (created) ::shm_unlink(object->path);
-        delete object;
-        errno = e;
-        return nullptr;
-    }
-    object->fd = fd;
-    object->shared = static_cast<Shared*>(view);
-    ::flock(fd, LOCK_SH);  // one more holder
-    if (created) {
-        init_state(object->shared, kind, true);
-    } else {
-        for (int i = 0; i < 1000 && object->shared->ready.load(std::memory_order_acquire) != 1; ++i) ::usleep(1000);
-    }
-    return object;
 }
 
 void close(Object* object) {

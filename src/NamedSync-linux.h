@@ -28,6 +28,10 @@ struct Object {
     char path[256] = {};
 };
 
+// The shared-memory object name "/tvk.<kind>.<name>" for `name`, each '/' in it turned to '_'. False with
+// errno ENAMETOOLONG when it does not fit.
+bool make_path(char const* kind, char const* name, char (&path)[256]);
+
 // Creates the object (unnamed when name is null); a named one is opened when it exists, or only opened
 // when `create` is false. Null on failure, with errno set.
 Object* open(char const* name, Kind kind, bool create);

@@ -16,6 +16,7 @@
 #include <cstdio>
 
 #include "LogUnit.h"
+#include "NamedSync-linux.h"
 
 TARVIK_LOG_UNIT()
 
@@ -27,19 +28,6 @@ struct Handle {
 };
 
 namespace {
-
-bool make_path(char const* name, char (&path)[256]) {
-    int n = std::snprintf(path, sizeof path, "/tvk.shm.");
-    for (char const* p = name; *p; ++p) {
-        if (n >= static_cast<int>(sizeof path) - 1) {
-            errno = ENAMETOOLONG;
-            return false;
-        }
-        path[n++] = *p == '/' ? '_' : *p;
-    }
-    path[n] = '\0';
-    return true;
-}
 
 // Whether `path` still names the object open on `fd`.
 bool names(char const* path, int fd) {
@@ -68,7 +56,7 @@ constexpr int kOpenAttempts = 1000;
 Handle* open(char const* name, unsigned int size, bool* created) {
     *created = false;
     auto* h = new Handle;
-    if (!name || !*name || !make_path(name, h->path)) {
+    if (!name || !*name || !named_sync::make_path("shm", name, h->path)) {
         if (name && !*name) errno = EINVAL;
         delete h;
         return nullptr;

@@ -18,6 +18,15 @@ struct ThreadRecord {
     std::atomic<bool> triggered{false};
     std::atomic<bool> to_stop{false};
     std::atomic<bool> suspended{true};
+    // Calls of stop() and wait() that are waiting on the handle; the record (and its handle) stays until
+    // the last of them is done. Guarded by the thread lock, as is `detached`.
+    int users = 0;
+    // No longer the Thread's record: the last user frees it.
+    bool detached = false;
+    // The system thread was resumed and its run() has not returned yet.
+    bool body_pending = false;
+    // Given up while run() was still going: the thread frees the record when run() returns.
+    bool abandoned = false;
 };
 
 namespace {
@@ -34,6 +43,22 @@ bool is_self(ThreadRecord const* r) {
     return r->handle && thread_impl::id(r->handle) == get_current_thread_id();
 }
 
+// Under the thread lock, once the record is detached and nobody waits on it: gives the system thread up
+// and frees the record. A run() that is still going may still read its record: that record is left to
+// its thread, which frees it when run() returns.
+void finish(ThreadRecord* r) {
+    if (!r->detached || r->users > 0) return;
+    if (r->handle) {
+        thread_impl::release(r->handle);
+        r->handle = nullptr;
+    }
+    if (r->body_pending) {
+        r->abandoned = true;
+        return;
+    }
+    delete r;
+}
+
 }  // namespace
 
 Thread::Thread() = default;
@@ -43,6 +68,9 @@ Thread::~Thread() { stop(); }
 void Thread::body_(void* record) {
     auto* r = static_cast<ThreadRecord*>(record);
     r->owner->run();
+    CriticalSectionHolder hold(thread_lock());
+    r->body_pending = false;
+    if (r->abandoned) delete r;
 }
 
 bool Thread::start() {
@@ -50,7 +78,8 @@ bool Thread::start() {
     {
         CriticalSectionHolder hold(thread_lock());
         ThreadRecord* r = record_.load();
-        if (!r) {
+        bool fresh = !r;
+        if (fresh) {
             r = new ThreadRecord;
             r->owner = this;
             r->handle = thread_impl::create_suspended(&Thread::body_, r);
@@ -61,7 +90,9 @@ bool Thread::start() {
             TVK_LOG(LEVEL_ERR, "CANNOT RESUME THREAD: NO THREAD!");
         } else {
             r->suspended = false;
-            if (!thread_impl::resume(r->handle)) {
+            if (thread_impl::resume(r->handle)) {
+                if (fresh) r->body_pending = true;  // read by body_ only under this lock, after run()
+            } else {
                 TVK_LOG(LEVEL_ERR, "CANNOT RESUME THREAD: err=%0") << get_last_system_error_num();
                 r->suspended = true;
             }
@@ -71,6 +102,7 @@ bool Thread::start() {
 }
 
 bool Thread::request_stop() {
+    CriticalSectionHolder hold(thread_lock());
     ThreadRecord* r = record_.load();
     if (!r) return false;
     bool was = r->to_stop.exchange(true);
@@ -79,36 +111,33 @@ bool Thread::request_stop() {
 }
 
 bool Thread::stop() {
-    thread_impl::Handle* handle;
-    bool self;
     ThreadRecord* r;
+    bool running;
     {
         CriticalSectionHolder hold(thread_lock());
         r = record_.load();
         if (!r) return true;
         if (!r->to_stop) request_stop();
-        handle = r->handle;
-        self = is_self(r);
+        if (is_self(r)) return false;  // a thread stopping itself is only marked
+        running = r->handle && !r->suspended;
+        ++r->users;  // keeps the record and its handle while we wait, even if another stop() completes it
     }
-    if (self) return false;  // a thread stopping itself is only marked
-    if (handle && !r->suspended) {
+    if (running) {
         for (int i = 0; i < kStopWaits; ++i)
-            if (thread_impl::wait_end(handle, 1000) != 0) break;
+            if (thread_impl::wait_end(r->handle, 1000) != 0) break;
     }
     CriticalSectionHolder hold(thread_lock());
-    if (record_.load() != r) return true;  // another stop() completed it meanwhile
-    record_.store(nullptr);
-    if (handle) {
-        bool ended = thread_impl::has_ended(handle);
-        thread_impl::release(handle);
-        // A run() that outlived the waits may still read its record: it is left to the process.
-        if (!ended) return true;
+    --r->users;
+    if (record_.load() == r) {
+        record_.store(nullptr);
+        r->detached = true;
     }
-    delete r;
+    finish(r);
     return true;
 }
 
 void Thread::trigger() {
+    CriticalSectionHolder hold(thread_lock());
     ThreadRecord* r = record_.load();
     if (!r) return;
     r->triggered = true;
@@ -116,28 +145,44 @@ void Thread::trigger() {
 }
 
 bool Thread::wait(TimePeriod const& timeout) {
-    ThreadRecord* r = record_.load();
-    if (!r || !r->handle) return true;
+    ThreadRecord* r;
+    {
+        CriticalSectionHolder hold(thread_lock());
+        r = record_.load();
+        if (!r || !r->handle) return true;
+        ++r->users;
+    }
     std::int64_t ms = timeout.to_milliseconds();
-    return thread_impl::wait_end(r->handle, ms < 0 ? 0 : static_cast<unsigned int>(ms)) > 0;
+    bool ended = thread_impl::wait_end(r->handle, ms < 0 ? 0 : static_cast<unsigned int>(ms)) > 0;
+    CriticalSectionHolder hold(thread_lock());
+    --r->users;
+    finish(r);
+    return ended;
 }
 
+// The readers below take the thread lock so that a stop() on another thread cannot free the record under
+// them.
+
 bool Thread::is_to_stop() const {
+    CriticalSectionHolder hold(thread_lock());
     ThreadRecord* r = record_.load();
     return !r || r->to_stop;
 }
 
 bool Thread::is_stopped() const {
+    CriticalSectionHolder hold(thread_lock());
     ThreadRecord* r = record_.load();
     return !r || !r->handle || thread_impl::has_ended(r->handle);
 }
 
 bool Thread::is_running() const {
+    CriticalSectionHolder hold(thread_lock());
     ThreadRecord* r = record_.load();
     return r && r->handle && !r->suspended && !thread_impl::has_ended(r->handle);
 }
 
 unsigned long Thread::get_id() const {
+    CriticalSectionHolder hold(thread_lock());
     ThreadRecord* r = record_.load();
     return r && r->handle ? thread_impl::id(r->handle) : 0;
 }
@@ -145,6 +190,9 @@ unsigned long Thread::get_id() const {
 void Thread::run() {
     ThreadRecord* r = record_.load();
     if (!r) return;
+    // Both the flag and the wake-up call for an item: a trigger that arrives while an item runs is served
+    // at the top of the loop and its wake-up runs the item once more. run_item() must therefore be safe to
+    // call with nothing new to do.
     while (!r->to_stop) {
         if (r->triggered.exchange(false)) run_item();
         bool signalled = r->wake.wait(TimePeriod(2, 0, false));

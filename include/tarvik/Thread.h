@@ -8,8 +8,10 @@
 // the 60 waits is left running on its own (it sees is_to_stop() true from then on); the Thread object must
 // still outlive it.
 //
-// The default run() calls run_item() once per trigger(), looking again at least every 2 seconds, until the
-// thread is asked to stop. Derived classes override run() or run_item(); a derived class whose run() uses
+// The default run() calls run_item() after each trigger(), looking again at least every 2 seconds, until
+// the thread is asked to stop. A trigger() that arrives while an item runs is seen twice, through its flag
+// and through its wake-up, so run_item() then runs two more times: it must tolerate a call with nothing new
+// to do. Derived classes override run() or run_item(); a derived class whose run() uses
 // its own members calls stop() in its destructor, before those members go.
 //
 // Records (module "TVK", unit "THREAD", at ERR): "CANNOT CREATE THREAD err=%0",
