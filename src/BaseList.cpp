@@ -37,18 +37,23 @@ BaseList::~BaseList() { free_all_(); }
 void BaseList::reserve_nodes_(unsigned int n) {
     if (n <= free_count_) return;
     unsigned long long count = n - free_count_;
+    chain_fresh_nodes_();
     auto* chunk = static_cast<Chunk*>(memory::allocate(kChunkHeader + count * node_size_));
     chunk->count = static_cast<unsigned int>(count);
     chunk->next = chunks_;
     chunks_ = chunk;
-    char* nodes = reinterpret_cast<char*>(chunk) + kChunkHeader;
-    // Thread the new nodes onto the free list so that they are handed out in address order.
-    for (unsigned long long i = count; i-- > 0;) {
-        auto* node = reinterpret_cast<ListNodeBase*>(nodes + i * node_size_);
+    fresh_ = reinterpret_cast<char*>(chunk) + kChunkHeader;
+    fresh_end_ = fresh_ + count * node_size_;
+    free_count_ += chunk->count;
+}
+
+void BaseList::chain_fresh_nodes_() {
+    for (; fresh_ != fresh_end_; fresh_ += node_size_) {
+        auto* node = reinterpret_cast<ListNodeBase*>(fresh_);
         node->next = free_;
         free_ = node;
     }
-    free_count_ += chunk->count;
+    fresh_ = fresh_end_ = nullptr;
 }
 
 void BaseList::grow_pool_() {
@@ -65,6 +70,7 @@ void BaseList::free_all_() {
     head_.next = head_.prev = &head_;
     size_ = 0;
     free_ = nullptr;
+    fresh_ = fresh_end_ = nullptr;
     free_count_ = 0;
     next_chunk_ = 4;
 }
@@ -86,6 +92,7 @@ void BaseList::take_all_(BaseList& other) {
         tail->next = chunks_;
         chunks_ = other.chunks_;
     }
+    other.chain_fresh_nodes_();
     while (other.free_) {
         ListNodeBase* n = other.free_;
         other.free_ = n->next;
@@ -99,6 +106,8 @@ void BaseList::take_all_(BaseList& other) {
 void BaseList::move_from_(BaseList& other) noexcept {
     chunks_ = other.chunks_;
     free_ = other.free_;
+    fresh_ = other.fresh_;
+    fresh_end_ = other.fresh_end_;
     free_count_ = other.free_count_;
     next_chunk_ = other.next_chunk_;
     size_ = other.size_;

@@ -46,22 +46,54 @@ struct Directory {
 // Interning takes the lock. Lookups by number do not: entries never move or die, and the directory and
 // its pages are published with release stores after they are complete, so a reader that acquires them
 // sees them whole. That keeps the name comparisons of tuples (which look names up by number) lock-free.
+class SymbolRegistry;
+SymbolRegistry& registry();
+SymbolEntry const* empty_entry();
+
+// Each thread's cache of interned names, by hash slot. The pointer is initial-exec: it is reached through
+// the thread pointer rather than a call to __tls_get_addr, and as a single pointer it fits the static TLS
+// reserve even when the library is loaded late. The cache itself is made on the thread's first intern and
+// freed when the thread ends; names interned after that (by other thread-exit code) go without a cache.
+constexpr unsigned int kCacheSlots = 256;
+thread_local __attribute__((tls_model("initial-exec"))) SymbolEntry const** cache_of_thread = nullptr;
+thread_local __attribute__((tls_model("initial-exec"))) bool cache_gone = false;
+
+struct ThreadCacheOwner {
+    SymbolEntry const** slots = nullptr;
+    ~ThreadCacheOwner() {
+        cache_of_thread = nullptr;
+        cache_gone = true;
+        delete[] slots;
+    }
+};
+
+// Null once the thread's cache was freed.
+SymbolEntry const** new_thread_cache() {
+    if (cache_gone) return nullptr;
+    thread_local ThreadCacheOwner owner;
+    owner.slots = new SymbolEntry const* [kCacheSlots] {};
+    return cache_of_thread = owner.slots;
+}
+
 class SymbolRegistry {
 public:
     SymbolEntry const* intern(char const* text, unsigned int len, bool create) {
         // Names already known are found in this thread's cache without the lock: entries never move or
         // die, so a cached pointer stays valid for the whole process.
-        static constexpr unsigned int kCacheSlots = 256;
-        thread_local SymbolEntry const* cache[kCacheSlots] = {};
+        SymbolEntry const** cache = cache_of_thread;
+        if (!cache) cache = new_thread_cache();
         unsigned int slot = hash_bytes(text, len) & (kCacheSlots - 1);
-        SymbolEntry const* cached = cache[slot];
-        if (cached && cached->name.length() == len && std::memcmp(cached->name.c_str(), text, len) == 0) return cached;
+        if (cache) {
+            SymbolEntry const* cached = cache[slot];
+            if (cached && cached->name.length() == len && std::memcmp(cached->name.c_str(), text, len) == 0)
+                return cached;
+        }
         SymbolEntry const* entry;
         {
             CriticalSectionHolder hold(lock_);
             entry = intern_locked_(text, len, create);
         }
-        if (entry) cache[slot] = entry;
+        if (entry && cache) cache[slot] = entry;
         return entry;
     }
 
@@ -133,9 +165,15 @@ SymbolRegistry& registry() {
     return *instance;
 }
 
+SymbolEntry const* empty_entry() {
+    static SymbolEntry const* const entry = registry().intern("", 0, true);
+    return entry;
+}
+
 }  // namespace
 
-Symbol::Symbol() : entry_(registry().intern("", 0, true)) {}
+// The empty name is interned once: default symbols are made for every attribute a reader fills in.
+Symbol::Symbol() : entry_(empty_entry()) {}
 
 Symbol::Symbol(char const* name)
     : entry_(registry().intern(name ? name : "", name ? static_cast<unsigned int>(std::char_traits<char>::length(name)) : 0,

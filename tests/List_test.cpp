@@ -104,6 +104,25 @@ TEST(List, ReservedNodesComeFromOneBlock) {
     for (int i = 1; i < 100; ++i) EXPECT_EQ(at[i] - at[i - 1], stride) << i;
 }
 
+TEST(List, AMovedListKeepsItsReservedAndReleasedNodes) {
+    List<long long> a;
+    a.reserve(8);
+    char const* first = reinterpret_cast<char const*>(&a.push_back(0));
+    std::ptrdiff_t const stride = reinterpret_cast<char const*>(&a.push_back(1)) - first;
+    a.push_back(2);
+    a.erase(a.begin());
+    List<long long> b(static_cast<List<long long>&&>(a));
+    // 2 elements and 6 nodes to spare (5 never used, 1 released): 6 more fit in the same block.
+    for (int i = 3; i < 9; ++i) b.push_back(i);
+    for (long long const& v : b) {
+        auto offset = reinterpret_cast<char const*>(&v) - first;
+        EXPECT_TRUE(offset >= 0 && offset < 8 * stride) << v;
+    }
+    EXPECT_EQ(b.size(), 8u);
+    EXPECT_EQ(b.front(), 1);
+    EXPECT_EQ(b.back(), 8);
+}
+
 TEST(List, SpliceMovesEveryElementAndLeavesTheOtherEmptyAndUsable) {
     ASSERT_EQ(Tracked::live, 0);
     {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <latch>
 #include <string>
 #include <thread>
@@ -167,4 +168,20 @@ TEST(Symbol, ConcurrentInterningGivesOneDenseNumberPerDistinctName) {
         }
     }
     EXPECT_EQ(bad, 0);
+}
+
+// A thread_local object made before the thread first interns is destroyed after the thread's name cache:
+// interning from its destructor must still work (without the cache).
+TEST(Symbol, InterningWorksFromThreadExitCodeAfterTheThreadsCacheIsGone) {
+    static std::atomic<unsigned int> number_at_exit{0};
+    struct AtExit {
+        ~AtExit() { number_at_exit = Symbol("symbol.test.exit").get_num(); }
+    };
+    std::thread([] {
+        thread_local AtExit at_exit;
+        (void)&at_exit;
+        Symbol("symbol.test.exit");  // makes the cache, after at_exit
+    }).join();
+    EXPECT_EQ(number_at_exit.load(), Symbol("symbol.test.exit").get_num());
+    EXPECT_NE(number_at_exit.load(), 0u);
 }

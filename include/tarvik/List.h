@@ -44,9 +44,15 @@ protected:
 
     // A node from the pool, not linked.
     ListNodeBase* acquire_node_() {
-        if (!free_) grow_pool_();
-        ListNodeBase* node = free_;
-        free_ = node->next;
+        ListNodeBase* node;
+        if (free_) {
+            node = free_;
+            free_ = node->next;
+        } else {
+            if (fresh_ == fresh_end_) grow_pool_();
+            node = reinterpret_cast<ListNodeBase*>(fresh_);
+            fresh_ += node_size_;
+        }
         --free_count_;
         return node;
     }
@@ -72,6 +78,8 @@ protected:
     void grow_pool_();
     // Makes sure n more nodes can be acquired with at most one allocation.
     void reserve_nodes_(unsigned int n);
+    // Moves the fresh nodes onto the free chain (before a new chunk replaces them, or a splice takes them).
+    void chain_fresh_nodes_();
     // Releases every chunk and empties the list. REQUIRES: elements already destroyed.
     void free_all_();
     // Appends every node of `other` (and the chunks behind them) to this list; `other` ends empty.
@@ -82,8 +90,11 @@ protected:
     unsigned int size_ = 0;
     unsigned int node_size_;
     struct Chunk* chunks_ = nullptr;
-    ListNodeBase* free_ = nullptr;  // unused nodes, chained through `next`
-    unsigned int free_count_ = 0;
+    ListNodeBase* free_ = nullptr;  // released nodes, chained through `next`
+    // Nodes of the newest chunk never handed out yet, taken in address order without being chained.
+    char* fresh_ = nullptr;
+    char* fresh_end_ = nullptr;
+    unsigned int free_count_ = 0;  // released and fresh nodes together
     unsigned int next_chunk_ = 4;
 };
 
