@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -20,8 +18,6 @@
 #include "TestSupport.h"
 #include "tarvik/GlobVar.h"
 #include "tarvik/Symbol.h"
-
-extern char** environ;
 
 using tarvik::Event;
 using tarvik::TimePeriod;
@@ -43,19 +39,8 @@ double seconds_since(std::chrono::steady_clock::time_point t0) {
 }
 
 // Starts this program as a peer running EventPeer.Act with TARVIK_PEER_EVENT=<task>:<name>.
-pid_t spawn_peer(std::string const& task, std::string const& name) {
-    std::string filter = "--gtest_filter=EventPeer.Act", var = "TARVIK_PEER_EVENT=" + task + ":" + name;
-    std::vector<char*> env{var.data()};
-    for (char** e = environ; *e; ++e) env.push_back(*e);
-    env.push_back(nullptr);
-    char* argv[] = {const_cast<char*>("/proc/self/exe"), filter.data(), nullptr};
-    pid_t pid = -1;
-    return ::posix_spawn(&pid, argv[0], nullptr, nullptr, argv, env.data()) == 0 ? pid : -1;
-}
-
-int exit_status(pid_t pid) {
-    int status = 0;
-    return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+int spawn_peer(std::string const& task, std::string const& name) {
+    return tarvik::test::spawn_peer("EventPeer.Act", "TARVIK_PEER_EVENT=" + task + ":" + name);
 }
 
 }  // namespace
@@ -115,16 +100,16 @@ TEST(Event, NamedEventWakesWaitersInOtherProcesses) {
     std::string const name = unique_name("peer");
     Event e(name.c_str());
     ASSERT_TRUE(e.is_valid());
-    pid_t peer = spawn_peer("signal", name);
+    int peer = spawn_peer("signal", name);
     ASSERT_GT(peer, 0);
     EXPECT_TRUE(e.wait(TimePeriod(20, 0, true)));
-    EXPECT_EQ(exit_status(peer), 0);
+    EXPECT_EQ(tarvik::test::exit_status(peer), 0);
 
     peer = spawn_peer("wait", name);
     ASSERT_GT(peer, 0);
     std::this_thread::sleep_for(300ms);  // most likely the peer waits by now; either way it takes the signal
     e.signal();
-    EXPECT_EQ(exit_status(peer), 0);
+    EXPECT_EQ(tarvik::test::exit_status(peer), 0);
     EXPECT_FALSE(e.wait(ms(10)));  // the peer took it
 }
 

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,8 +18,6 @@ using namespace tarvik;
 using namespace std::chrono_literals;
 using tarvik::test::StdoutCapture;
 using tarvik::test::TempDir;
-
-extern char** environ;
 
 namespace {
 
@@ -100,16 +96,8 @@ TEST(FileLock, SecondHolderInThisProcessIsRefusedAtOnceWithoutARecord) {
 TEST(FileLock, LockHeldByAnotherProcessRefusesBothFormsAtOnce) {
     TempDir dir;
     std::string const path = dir.file("lock");
-    std::string variable = "TARVIK_PEER_LOCK=" + path;
-    std::vector<char*> env;
-    for (char** e = environ; *e; ++e) env.push_back(*e);
-    env.push_back(variable.data());
-    env.push_back(nullptr);
-    char exe[] = "/proc/self/exe";
-    char filter[] = "--gtest_filter=FileLockPeer.HoldsTheLock";
-    char* argv[] = {exe, filter, nullptr};
-    pid_t peer = -1;
-    ASSERT_EQ(::posix_spawn(&peer, exe, nullptr, nullptr, argv, env.data()), 0);
+    int const peer = tarvik::test::spawn_peer("FileLockPeer.HoldsTheLock", "TARVIK_PEER_LOCK=" + path);
+    ASSERT_GT(peer, 0);
 
     bool const held = appears(path + ".held");
     FileLock mine(path.c_str());
@@ -118,10 +106,9 @@ TEST(FileLock, LockHeldByAnotherProcessRefusesBothFormsAtOnce) {
         EXPECT_FALSE(wait_lock_at_once(mine, [&] { tarvik::test::write_file(path + ".release", ""); }));
     }
     tarvik::test::write_file(path + ".release", "");
-    int status = -1;
-    ASSERT_EQ(::waitpid(peer, &status, 0), peer);
+    int const status = tarvik::test::exit_status(peer);
     ASSERT_TRUE(held);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(status, 0);
     EXPECT_TRUE(mine.lock());  // the peer's lock ended with its process
 }
 

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -14,9 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
 #include "tarvik/Event.h"
-
-extern char** environ;
 
 using tarvik::Event;
 using tarvik::Mutex;
@@ -43,19 +40,8 @@ bool free_for_other_thread(Mutex& m) {
 }
 
 // Starts this program as a peer running MutexPeer.Act with TARVIK_PEER_MUTEX=<task>:<name>.
-pid_t spawn_peer(std::string const& task, std::string const& name) {
-    std::string filter = "--gtest_filter=MutexPeer.Act", var = "TARVIK_PEER_MUTEX=" + task + ":" + name;
-    std::vector<char*> env{var.data()};
-    for (char** e = environ; *e; ++e) env.push_back(*e);
-    env.push_back(nullptr);
-    char* argv[] = {const_cast<char*>("/proc/self/exe"), filter.data(), nullptr};
-    pid_t pid = -1;
-    return ::posix_spawn(&pid, argv[0], nullptr, nullptr, argv, env.data()) == 0 ? pid : -1;
-}
-
-int exit_status(pid_t pid) {
-    int status = 0;
-    return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+int spawn_peer(std::string const& task, std::string const& name) {
+    return tarvik::test::spawn_peer("MutexPeer.Act", "TARVIK_PEER_MUTEX=" + task + ":" + name);
 }
 
 }  // namespace
@@ -154,7 +140,7 @@ TEST(Mutex, NamedMutexHeldByAnotherProcessExcludesThisOneUntilReleasedOrDead) {
         std::string const name = unique_name(task);
         Event locked((name + ".locked").c_str()), release((name + ".release").c_str());
         Mutex m(name.c_str());
-        pid_t peer = spawn_peer(task, name);
+        int peer = spawn_peer(task, name);
         ASSERT_GT(peer, 0);
         ASSERT_TRUE(locked.wait(TimePeriod(20, 0, true)));
         EXPECT_FALSE(m.try_lock());
@@ -163,7 +149,7 @@ TEST(Mutex, NamedMutexHeldByAnotherProcessExcludesThisOneUntilReleasedOrDead) {
         EXPECT_GE(std::chrono::steady_clock::now() - t0, 180ms);
         EXPECT_LT(std::chrono::steady_clock::now() - t0, 3s);
         release.signal();
-        EXPECT_EQ(exit_status(peer), 0);
+        EXPECT_EQ(tarvik::test::exit_status(peer), 0);
 #if defined(__SANITIZE_THREAD__)
         // ThreadSanitizer records a lock taken over from a dead owner by try_lock, not by a timed lock.
         ASSERT_TRUE(m.try_lock()) << task;

@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,8 +18,6 @@
 
 using namespace tarvik;
 using tarvik::test::StdoutCapture;
-
-extern char** environ;
 
 namespace {
 
@@ -59,19 +55,9 @@ TEST(SharedMemory, AreaWrittenByOneProcessIsReadByAnother) {
     ASSERT_NE(area.get_map(), nullptr);
     std::strcpy(bytes(area), "from the parent");
 
-    std::string filter = "--gtest_filter=SharedMemoryPeer.AnswersTheParent";
-    std::string variable = "TARVIK_PEER_SHM=" + name;
-    std::vector<char*> env;
-    for (char** e = environ; *e; ++e) env.push_back(*e);
-    env.push_back(variable.data());
-    env.push_back(nullptr);
-    char exe[] = "/proc/self/exe";
-    char* argv[] = {exe, filter.data(), nullptr};
-    pid_t pid = -1;
-    ASSERT_EQ(::posix_spawn(&pid, exe, nullptr, nullptr, argv, env.data()), 0);
-    int status = -1;
-    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    int const peer = tarvik::test::spawn_peer("SharedMemoryPeer.AnswersTheParent", "TARVIK_PEER_SHM=" + name);
+    ASSERT_GT(peer, 0);
+    EXPECT_EQ(tarvik::test::exit_status(peer), 0);
     EXPECT_STREQ(bytes(area) + 100, "from the peer");
 }
 

@@ -1,6 +1,8 @@
 #include "TestSupport.h"
 
 #include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -8,8 +10,11 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <vector>
 
 #include "tarvik/IOBStream.h"
+
+extern char** environ;
 
 namespace tarvik::test {
 
@@ -81,6 +86,23 @@ bool write_file(std::string const& path, std::string const& content) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << content;
     return static_cast<bool>(out);
+}
+
+int spawn_peer(char const* test, std::string const& variable) {
+    std::string filter = std::string("--gtest_filter=") + test;
+    std::string assignment = variable;
+    std::vector<char*> env{assignment.data()};
+    for (char** e = environ; *e; ++e) env.push_back(*e);
+    env.push_back(nullptr);
+    char exe[] = "/proc/self/exe";
+    char* argv[] = {exe, filter.data(), nullptr};
+    pid_t pid = -1;
+    return ::posix_spawn(&pid, exe, nullptr, nullptr, argv, env.data()) == 0 ? pid : -1;
+}
+
+int exit_status(int pid) {
+    int status = 0;
+    return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 }  // namespace tarvik::test

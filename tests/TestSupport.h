@@ -48,4 +48,11 @@ std::string read_file(std::string const& path);
 // Writes a file's whole content; false on failure.
 bool write_file(std::string const& path, std::string const& content);
 
+// Starts this test program again as a peer process that runs only the test `test` ("Suite.Name"), with
+// `variable` ("NAME=value") added to this process's environment: the peer test skips unless it finds the
+// variable. The peer's process id, or -1 when it could not be started.
+int spawn_peer(char const* test, std::string const& variable);
+// Waits for the process to end: its exit status, or -1 when it did not exit normally.
+int exit_status(int pid);
+
 }  // namespace tarvik::test
