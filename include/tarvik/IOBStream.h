@@ -22,7 +22,7 @@
 // OBStreamFormat: `out.format("A %1 B %0") << 5 << "x"` writes "A x B 5" when the full expression ends.
 //   "%0".."%9"     the argument at that position (positions count the << calls from 0)
 //   "%{n}"         a position of any length; "%{12" without its "}" is written as it stands
-//   "%[spec]n"     printf flags, width and precision for numbers: "%[04]0" of 7 is "0007"; the spec is
+//   "%[fmt]n"      printf flags, width and precision for numbers: "%[04]0" of 7 is "0007"; the bracket is
 //                  ignored for other kinds and must consist of "-+ #0" and digits and "." (else ignored)
 //   a position without an argument is written back as it stands ("%7", or "%{12}"); "%" before anything
 //   else is written unchanged, so "%%" stays "%%" (there is no escape); a final "%" is written as "%".
