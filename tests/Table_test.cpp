@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
+#include <utility>
 
 #include "TestSupport.h"
 #include "tarvik/IOBStream.h"
@@ -80,22 +80,20 @@ TEST(Table, FileOpensWithTheDeclaration) {
     EXPECT_EQ(back.read_xml(Path(dir.file("missing.xml").c_str())), -1000002);
 }
 
-namespace {
-
-// read_xml refuses the text with the record and leaves the table as it was.
-void expect_refused(char const* text, std::string const& record) {
-    Table t = orders();
-    StdoutCapture capture;
-    IBStream in(text);
-    EXPECT_EQ(t.read_xml(in), -1);
-    EXPECT_EQ(capture.records_with("||" + record), 1) << capture.text();
-    EXPECT_TRUE(t == orders());
+TEST(TableDamage, MalformedTextIsRefusedWithItsRecordAndLeavesTheTable) {
+    std::pair<char const*, char const*> const cases[] = {
+        {"<t n=\"x\"/>", "MARKUP tbl EXPECTED t"},
+        {"<tbl><c>a</c><x/></tbl>", "MARKUP c or l EXPECTED x"},
+        {"<tbl>oops</tbl>", "MARKUP c or l EXPECTED text"},
+        {"<tbl><l><i>1</i></l></tbl>", "ATT NAME EXPECTED i"},
+        {"<tbl/>x", "XML: TEXT OUTSIDE THE ROOT ELEMENT"},
+    };
+    for (auto const& [text, record] : cases) {
+        Table t = orders();
+        StdoutCapture capture;
+        IBStream in(text);
+        EXPECT_EQ(t.read_xml(in), -1) << text;
+        EXPECT_EQ(capture.records_with("||" + std::string(record)), 1) << capture.text();
+        EXPECT_TRUE(t == orders()) << text;
+    }
 }
-
-}  // namespace
-
-TEST(TableDamage, RootIsNotATable) { expect_refused("<t n=\"x\"/>", "MARKUP tbl EXPECTED t"); }
-TEST(TableDamage, UnknownElement) { expect_refused("<tbl><c>a</c><x/></tbl>", "MARKUP c or l EXPECTED x"); }
-TEST(TableDamage, TextInTheTable) { expect_refused("<tbl>oops</tbl>", "MARKUP c or l EXPECTED text"); }
-TEST(TableDamage, ValueWithoutName) { expect_refused("<tbl><l><i>1</i></l></tbl>", "ATT NAME EXPECTED i"); }
-TEST(TableDamage, TextAfterTheTable) { expect_refused("<tbl/>x", "XML: TEXT OUTSIDE THE ROOT ELEMENT"); }
