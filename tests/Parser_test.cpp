@@ -4,6 +4,7 @@
 
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "TestSupport.h"
 #include "tarvik/IOBStream.h"
@@ -13,7 +14,9 @@ using tarvik::test::StdoutCapture;
 
 namespace {
 
-std::string str(AString const& s) { return std::string(s.c_str(), s.length()); }
+std::string str(AString const& s) {
+    return std::string(s.c_str(), s.length());
+}
 
 // How many log records end with exactly this message.
 int logged(StdoutCapture& capture, std::string const& message) {
@@ -48,18 +51,23 @@ std::string xml_events(char const* text) {
     }
 }
 
-// The events of the text end with "error: what", logged once as "<kind>: what AT LINE l COLUMN c".
-void expect_error(std::string (*events)(char const*), char const* kind, char const* text,
-                  std::string const& what, int line, int column) {
-    StdoutCapture capture;
-    std::string got = events(text);
-    EXPECT_TRUE(got.ends_with("error: " + what)) << got;
-    std::string at = " AT LINE " + std::to_string(line) + " COLUMN " + std::to_string(column);
-    EXPECT_EQ(logged(capture, kind + (": " + what) + at), 1) << capture.text();
-}
+// A malformed text, and the error it ends with at its line and column.
+struct Damage {
+    std::string text;
+    char const* what;
+    int line, column;
+};
 
-void xml_error(char const* text, std::string const& what, int line, int column) {
-    expect_error(xml_events, "XML", text, what, line, column);
+// The events of each text end with "error: what", logged once as "<kind>: what AT LINE l COLUMN c".
+void expect_errors(std::string (*events)(char const*), char const* kind, std::vector<Damage> const& cases) {
+    for (Damage const& d : cases) {
+        StdoutCapture capture;
+        std::string got = events(d.text.c_str());
+        EXPECT_TRUE(got.ends_with("error: " + std::string(d.what))) << d.text << "\n" << got;
+        std::string at = " AT LINE " + std::to_string(d.line) + " COLUMN " + std::to_string(d.column);
+        EXPECT_EQ(logged(capture, kind + (": " + std::string(d.what)) + at), 1) << d.text << "\n"
+                                                                                << capture.text();
+    }
 }
 
 }  // namespace
@@ -104,34 +112,30 @@ TEST(XmlParser, FailFromOutsideLogsOnceWithThePosition) {
     EXPECT_EQ(logged(capture, "XML: WRONG ELEMENT AT LINE 2 COLUMN 4"), 1) << capture.text();
 }
 
-TEST(XmlParserDamage, Empty) { xml_error("", "UNEXPECTED END OF TEXT", 1, 1); }
-TEST(XmlParserDamage, Truncated) { xml_error("<a>\n<b>x</b>", "UNEXPECTED END OF TEXT", 2, 9); }
-TEST(XmlParserDamage, BadElementName) { xml_error("<1a/>", "ELEMENT NAME EXPECTED", 1, 2); }
-TEST(XmlParserDamage, UnquotedAttributeValue) { xml_error("<a b=c>", "ATTRIBUTE VALUE EXPECTED", 1, 7); }
-TEST(XmlParserDamage, LessThanInAttributeValue) { xml_error("<a b='<'/>", "ATTRIBUTE VALUE EXPECTED", 1, 8); }
-TEST(XmlParserDamage, UnterminatedReference) { xml_error("<a>&amp</a>", "BAD REFERENCE", 1, 12); }
-TEST(XmlParserDamage, ReferenceToNul) { xml_error("<a>&#0;</a>", "BAD REFERENCE", 1, 8); }
-TEST(XmlParserDamage, ReferenceBeyondUnicode) { xml_error("<a>&#x7FFFFFFF;</a>", "BAD REFERENCE", 1, 16); }
-TEST(XmlParserDamage, TextBeforeTheRoot) { xml_error("x<a/>", "TEXT OUTSIDE THE ROOT ELEMENT", 1, 2); }
-TEST(XmlParserDamage, UnterminatedComment) { xml_error("<a><!-- x -></a>", "UNTERMINATED COMMENT", 1, 17); }
-TEST(XmlParserDamage, UnterminatedCdata) {
-    xml_error("<a><![CDATA[x]]</a>", "UNTERMINATED CDATA SECTION", 1, 20);
-}
-TEST(XmlParserDamage, UnterminatedDeclaration) { xml_error("<?xml", "UNTERMINATED DECLARATION", 1, 6); }
-TEST(XmlParserDamage, NameLongerThanAnyElement) {
-    std::string text = "<" + std::string(5000, 'n') + "/>";
-    xml_error(text.c_str(), "ELEMENT NAME EXPECTED", 1, 1027);
-}
-TEST(XmlParserDamage, TooManyAttributes) {
-    std::string text = "<a";
-    for (unsigned int i = 0; i <= XmlParser::kMaxAttributes; ++i) text += " a" + std::to_string(i) + "=''";
-    xml_error((text + "/>").c_str(), "TOO MANY ATTRIBUTES", 1, 2 + 10 * 6 + 54 * 7 + 2);
-}
-TEST(XmlParserDamage, NestingDeeperThanTheLimit) {
-    std::string text;
-    for (int i = 0; i < XmlParser::kMaxDepth; ++i) text = "<a>" + text + "</a>";
-    EXPECT_TRUE(xml_events(text.c_str()).ends_with("</a>\ndone"));  // up to the limit
-    xml_error(("<b>" + text + "</b>").c_str(), "NESTING TOO DEEP", 1, 256 * 3 + 2);
+TEST(XmlParserDamage, EachMalformedTextFailsWithItsErrorAndPosition) {
+    std::string attributes = "<a";
+    for (unsigned int i = 0; i <= XmlParser::kMaxAttributes; ++i)
+        attributes += " a" + std::to_string(i) + "=''";
+    std::string nested;
+    for (int i = 0; i < XmlParser::kMaxDepth; ++i) nested = "<a>" + nested + "</a>";
+    EXPECT_TRUE(xml_events(nested.c_str()).ends_with("</a>\ndone"));  // up to the limit
+    expect_errors(
+        xml_events, "XML",
+        {{"", "UNEXPECTED END OF TEXT", 1, 1},
+         {"<a>\n<b>x</b>", "UNEXPECTED END OF TEXT", 2, 9},
+         {"<1a/>", "ELEMENT NAME EXPECTED", 1, 2},
+         {"<a b=c>", "ATTRIBUTE VALUE EXPECTED", 1, 7},
+         {"<a b='<'/>", "ATTRIBUTE VALUE EXPECTED", 1, 8},
+         {"<a>&amp</a>", "BAD REFERENCE", 1, 12},
+         {"<a>&#0;</a>", "BAD REFERENCE", 1, 8},
+         {"<a>&#x7FFFFFFF;</a>", "BAD REFERENCE", 1, 16},
+         {"x<a/>", "TEXT OUTSIDE THE ROOT ELEMENT", 1, 2},
+         {"<a><!-- x -></a>", "UNTERMINATED COMMENT", 1, 17},
+         {"<a><![CDATA[x]]</a>", "UNTERMINATED CDATA SECTION", 1, 20},
+         {"<?xml", "UNTERMINATED DECLARATION", 1, 6},
+         {"<" + std::string(5000, 'n') + "/>", "ELEMENT NAME EXPECTED", 1, 1027},  // longer than any
+         {attributes + "/>", "TOO MANY ATTRIBUTES", 1, 2 + 10 * 6 + 54 * 7 + 2},
+         {"<b>" + nested + "</b>", "NESTING TOO DEEP", 1, 256 * 3 + 2}});
 }
 
 // --- TokenParser ----------------------------------------------------------------------------------------
@@ -151,10 +155,6 @@ std::string tokens(char const* text) {
         out += std::string(kinds[k]) + ":" + str(parser.text()) + "@" + std::to_string(parser.line()) + ":" +
                std::to_string(parser.column()) + " ";
     }
-}
-
-void token_error(char const* text, std::string const& what, int line, int column) {
-    expect_error(tokens, "TOKEN", text, what, line, column);
 }
 
 }  // namespace
@@ -178,18 +178,17 @@ TEST(TokenParser, GivesTheValuesOfIntegersAndNumbers) {
     EXPECT_EQ(parser.number(), 7.0);  // an integer's value as a number too
 }
 
-TEST(TokenParserDamage, UnterminatedString) { token_error("a\n  \"open", "UNTERMINATED STRING", 2, 8); }
-TEST(TokenParserDamage, StringCutByLineEnd) { token_error("'a\nb'", "UNTERMINATED STRING", 2, 1); }
-TEST(TokenParserDamage, BadEscape) { token_error("\"a\\q\"", "BAD ESCAPE", 1, 5); }
-TEST(TokenParserDamage, BadHexEscape) { token_error("\"\\x4g\"", "BAD ESCAPE", 1, 6); }
-TEST(TokenParserDamage, IntegerTooLarge) {
-    token_error("9223372036854775808", "INTEGER OUT OF RANGE", 1, 20);
+TEST(TokenParserDamage, EachMalformedTextFailsWithItsErrorAndPosition) {
+    expect_errors(tokens, "TOKEN",
+                  {{"a\n  \"open", "UNTERMINATED STRING", 2, 8},
+                   {"'a\nb'", "UNTERMINATED STRING", 2, 1},  // cut by the line end
+                   {"\"a\\q\"", "BAD ESCAPE", 1, 5},
+                   {"\"\\x4g\"", "BAD ESCAPE", 1, 6},
+                   {"9223372036854775808", "INTEGER OUT OF RANGE", 1, 20},
+                   {"-9223372036854775809", "INTEGER OUT OF RANGE", 1, 21},
+                   {"1.2.3", "BAD NUMBER", 1, 6},
+                   {"a \x01", "CONTROL CHARACTER", 1, 3}});
 }
-TEST(TokenParserDamage, IntegerTooSmall) {
-    token_error("-9223372036854775809", "INTEGER OUT OF RANGE", 1, 21);
-}
-TEST(TokenParserDamage, BadNumber) { token_error("1.2.3", "BAD NUMBER", 1, 6); }
-TEST(TokenParserDamage, ControlCharacter) { token_error("a \x01", "CONTROL CHARACTER", 1, 3); }
 
 // --- IniParser ------------------------------------------------------------------------------------------
 
@@ -212,10 +211,6 @@ std::string ini(char const* text) {
     }
 }
 
-void ini_error(char const* text, std::string const& what, int line, int column) {
-    expect_error(ini, "INI", text, what, line, column);
-}
-
 }  // namespace
 
 TEST(IniParser, ReadsSectionsAndTrimmedEntries) {
@@ -226,8 +221,11 @@ TEST(IniParser, ReadsSectionsAndTrimmedEntries) {
         "[second]@10 second.url=<a=b ; not a comment>@11 done");
 }
 
-TEST(IniParserDamage, HeaderWithoutClosingBracket) { ini_error("a=1\n [main", "']' EXPECTED", 2, 7); }
-TEST(IniParserDamage, EmptySectionName) { ini_error("[  ]", "SECTION NAME EXPECTED", 1, 2); }
-TEST(IniParserDamage, TextAfterTheHeader) { ini_error("[a] b", "TEXT AFTER THE SECTION", 1, 4); }
-TEST(IniParserDamage, LineWithoutEquals) { ini_error("[a]\nkey value", "'=' EXPECTED", 2, 10); }
-TEST(IniParserDamage, EntryWithoutKey) { ini_error(" = v", "KEY EXPECTED", 1, 2); }
+TEST(IniParserDamage, EachMalformedTextFailsWithItsErrorAndPosition) {
+    expect_errors(ini, "INI",
+                  {{"a=1\n [main", "']' EXPECTED", 2, 7},
+                   {"[  ]", "SECTION NAME EXPECTED", 1, 2},
+                   {"[a] b", "TEXT AFTER THE SECTION", 1, 4},
+                   {"[a]\nkey value", "'=' EXPECTED", 2, 10},
+                   {" = v", "KEY EXPECTED", 1, 2}});
+}
