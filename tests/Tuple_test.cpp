@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <limits>
 #include <set>
 #include <sstream>
@@ -15,7 +14,9 @@ using tarvik::test::StdoutCapture;
 
 namespace {
 
-std::string str(AString const& s) { return std::string(s.c_str(), s.length()); }
+std::string str(AString const& s) {
+    return std::string(s.c_str(), s.length());
+}
 
 // How many ERR records of a unit carry exactly this message (wrapped records joined first).
 int logged(StdoutCapture& capture, std::string const& unit, std::string const& message) {
@@ -36,7 +37,9 @@ std::string layout(Tuple const& t) {
     return out;
 }
 
-std::string text_of(Tuple const& t) { return str(t.to_string()); }
+std::string text_of(Tuple const& t) {
+    return str(t.to_string());
+}
 
 Tuple parse(char const* text) {
     Tuple t;
@@ -44,40 +47,79 @@ Tuple parse(char const* text) {
     return t;
 }
 
+// A tuple holding every kind, with the awkward values of each.
+Tuple every_kind() {
+    using F = std::numeric_limits<float>;
+    using D = std::numeric_limits<double>;
+    using L = std::numeric_limits<std::int64_t>;
+    Tuple t;
+    t.set_bool("b", true);
+    t.set_list_bool("lbo", ListBool{false, true});
+    t.set_int("i", std::numeric_limits<int>::min());
+    t.set_list_int("li", ListInt{std::numeric_limits<int>::max(), 0});
+    t.set_list_int("li.empty", ListInt{});
+    t.set_long("l", L::min());
+    t.set_list_long("ll", ListLong{L::max(), -1});
+    t.set_float("f", F::denorm_min());
+    t.set_list_float("lf",
+                     ListFloat{F::infinity(), -F::infinity(), F::quiet_NaN(), -0.0f, F::max(), F::lowest()});
+    t.set_double("d", D::max());
+    t.set_list_double("ld",
+                      ListDouble{D::infinity(), -D::infinity(), D::quiet_NaN(), -0.0, D::denorm_min(), 0.1});
+    AString bytes("q\"\\\n\r\t\0\x01\x7f\x80\xff end", 15);
+    t.set_astring("as", bytes);
+    t.set_list_astring("las", ListAString{bytes, ""});
+    WChar const units[] = {0, '"', '\\', 0xE9, 0xD800, 0xFFFF, 'A'};
+    t.set_string("s", String(units, 7));
+    t.set_list_string("ls", ListString{String(units, 7), String()});
+    t.set_blob("bb", Blob(std::string(100, '\xa5').data(), 100, 100));  // base64 longer than one XML line
+    t.set_list_blob("lb", ListBlob{Blob(), Blob("\xff", 1, 1)});
+    StringBuffer buffer(4);  // several pages
+    buffer.append(bytes.c_str(), bytes.length());
+    t.set_stringbuffer("sb", buffer);
+    t.set_list_stringbuffer("lsb", ListStringBuffer{buffer, StringBuffer()});
+    t.set_symbol("ss", Symbol("needs quoting:"));
+    t.set_list_symbol("lss", ListSymbol{Symbol(""), Symbol("plain")});
+    t.set_time_period("tp", TimePeriod(-5, -250000, false));
+    t.set_list_time_period("ltp", ListTimePeriod{TimePeriod(0, -1, false), TimePeriod(L::min(), 0, false),
+                                                 TimePeriod(L::max(), 999999, false)});
+    t.set_time_date("td", TimeDate(-44, 3, 15, 12, 30, 0, 7, false));
+    t.set_list_time_date("ltd",
+                         ListTimeDate{TimeDate(2024, 2, 29, 23, 59, 59, 999999, false),
+                                      TimeDate(std::int64_t{L::max() / 4}), TimeDate(std::int64_t{-1})});
+    t.set_array_int("ai", ArrayInt{std::numeric_limits<int>::min(), 0});
+    t.set_array_long("al", ArrayLong{});
+    t.set_array_float("af", ArrayFloat{-0.0f, F::quiet_NaN()});
+    t.set_array_double("ad", ArrayDouble{D::lowest(), D::min()});
+    t.set_list_array_int("lai", ListArrayInt{ArrayInt{1}, ArrayInt{}});
+    t.add_array_long("lal", ArrayLong{L::max()});
+    t.add_array_float("laf", ArrayFloat{F::min()});
+    t.set_list_array_double("lad", ListArrayDouble{});
+    Tuple inner("my class");  // names that need quoting
+    for (char const* name : {" ", "", ":", "a\"b"}) inner.set_astring(name, name);
+    t.set_tuple("t", Tuple()).set_tuple("deeper", inner);
+    t.set_list_tuple("lt", ListTuple{inner, Tuple()});
+    t.set_list_tuple("lt.empty", ListTuple{});
+    return t;
+}
+
 }  // namespace
 
 // --- values ---------------------------------------------------------------------------------------------
 
-TEST(TupleValue, HeaderPacksKindFlagsAndNameNumber) {
+TEST(TupleValue, HeaderPacksKindFlagsAndNameAndACloneOwnsACopy) {
     Tuple t;
-    int held = 5;
-    t.set_cref_int("hdr", held);
+    AString held("ref");
+    t.set_cref_astring("hdr", held);
     Tuple::Value* v = t.get_value("hdr");
-    EXPECT_EQ(v->get_header(), 3u | 1u << 8 | 1u << 9 | Symbol("hdr").get_num() << 10);
+    EXPECT_EQ(v->get_header(), T_ASTRING | 1u << 8 | 1u << 9 | Symbol("hdr").get_num() << 10);
     EXPECT_EQ(v->get_symbol(), Symbol("hdr"));
     EXPECT_EQ(v->get_pvalue(), &held);  // the referenced object, not the inline place
-    EXPECT_EQ(v->is_int(), &held);
+    EXPECT_EQ(v->is_astring(), &held);
     EXPECT_EQ(v->is_long(), nullptr);
-
-    Tuple::Value* raw = Tuple::Value::make(T_LONG, false);
-    EXPECT_EQ(raw->get_header(), 4u);
-    raw->set_is_const(true);
-    raw->set_is_ref(true);
-    raw->set_is_ref(false);
-    raw->set_type(T_BOOL);
-    raw->set_symbol(Symbol(1u));
-    raw->set_symbol(Symbol(2u));  // merged into the name bits, not replacing them
-    EXPECT_EQ(raw->get_header(), 2u | 1u << 9 | 3u << 10);
-    Tuple::Value::free(raw);
-}
-
-TEST(TupleValue, CloneOfAReferenceOwnsACopy) {
-    Tuple t;
-    AString s("ref");
-    t.set_cref_astring("s", s);
-    Tuple::Value* copy = t.get_value("s")->clone();
-    s = "changed";
-    EXPECT_EQ(copy->get_header(), T_ASTRING | Symbol("s").get_num() << 10);
+    Tuple::Value* copy = v->clone();
+    held = "changed";
+    EXPECT_EQ(copy->get_header(), T_ASTRING | Symbol("hdr").get_num() << 10);
     EXPECT_EQ(*copy->is_astring(), "ref");
     copy->destroy();
     Tuple::Value::free(copy);
@@ -92,50 +134,23 @@ TEST(Tuple, AttributesIterateInTextOrderOfTheirNames) {
     t.set_astring("mid", "m");
     t.set_bool("Mid", true);
     EXPECT_EQ(layout(t), "Mid:2 alpha:6 mid:7 zeta:3");
-    EXPECT_EQ(t.get_count(), 4u);
-    Tuple::ValueIterator it(t);
-    EXPECT_EQ((it++).get_name(), Symbol("Mid"));
-    EXPECT_EQ(it->get_type(), T_DOUBLE);
-    EXPECT_TRUE(it.next());
-    EXPECT_EQ((++it).get_name(), Symbol("zeta"));
-    EXPECT_FALSE(it.next());
-    EXPECT_FALSE(it.more());
 }
 
-TEST(Tuple, SettingAnotherKindReplacesTheAttribute) {
-    Tuple t;
-    t.set_double("x", 1.5);
-    EXPECT_EQ(t.set_int("x", 3), 3);
-    EXPECT_EQ(t.get_double("x", -1), -1);
-    EXPECT_EQ(t.get_int("x", 0), 3);
-    EXPECT_EQ(layout(t), "x:3");
-}
-
-TEST(Tuple, SettingOverAReferenceMakesAnOwnedValueAndLeavesTheVariable) {
+TEST(Tuple, SettingReplacesAnotherKindOrAReferenceWithAnOwnedValue) {
     Tuple t;
     int constant = 5, variable = 6;
+    t.set_double("x", 1.5);
     t.set_cref_int("c", constant);
     t.set_ref_int("v", variable);
+    EXPECT_EQ(t.set_int("x", 3), 3);
     t.set_int("c", 9);
     t.set_int("v", 10);
-    EXPECT_EQ(constant, 5);
-    EXPECT_EQ(variable, 6);
+    EXPECT_EQ(layout(t), "c:3 v:3 x:3");
+    EXPECT_EQ(t.get_double("x", -1), -1);
+    EXPECT_EQ(constant + variable, 11);
     EXPECT_EQ(t.get_value("c")->get_header() & 0x3FFu, 3u);  // neither by reference nor const
     EXPECT_EQ(t.get_value("v")->get_header() & 0x3FFu, 3u);
-    EXPECT_EQ(t.get_int("c", 0) + t.get_int("v", 0), 19);
-}
-
-TEST(Tuple, ReferenceReadsAndWritesTheCallersVariable) {
-    Tuple t;
-    int first = 1, second = 9;
-    EXPECT_EQ(&t.set_ref_int("x", first), &first);
-    first = 4;
-    EXPECT_EQ(t.get_int("x", 0), 4);
-    *t.get_pint("x") = 6;
-    EXPECT_EQ(first, 6);
-    t.set_ref_int("x", second);  // the same kind by reference: kept, the content assigned into `first`
-    EXPECT_EQ(first, 9);
-    EXPECT_EQ(t.get_value("x")->get_pvalue(), &first);
+    EXPECT_EQ(t.get_int("c", 0) + t.get_int("v", 0) + t.get_int("x", 0), 22);
 }
 
 TEST(Tuple, SettingWithoutAValueResetsToTheDefault) {
@@ -167,12 +182,9 @@ TEST(Tuple, AddAppendsToAListOfTheKind) {
     EXPECT_EQ(t.get_list_int("c"), (ListInt{1, 2, 3}));
     EXPECT_EQ(mine, (ListInt{1, 2}));
     EXPECT_EQ(t.add_array_int("a", ArrayInt{4, 5}), (ArrayInt{4, 5}));
-}
-
-TEST(Tuple, AddingTheAttributesOwnValueMakesAOneElementList) {
-    Tuple t;
+    // The attribute's own value, added to it: the single value is freed when the list replaces it.
     t.set_astring("s", "a text long enough to live on the heap");
-    t.add_astring("s", t.get_astring("s"));  // the single value is freed when the list replaces it
+    t.add_astring("s", t.get_astring("s"));
     EXPECT_EQ(t.get_list_astring("s"), (ListAString{"a text long enough to live on the heap"}));
 }
 
@@ -180,9 +192,7 @@ TEST(Tuple, MissingOrOtherKindReadsAsDefaultOrSharedEmpty) {
     Tuple t;
     t.set_long("l64", 1);
     EXPECT_EQ(t.get_int("l64", 7), 7);
-    EXPECT_EQ(t.get_value("l64")->is_int(), nullptr);
     EXPECT_FALSE(t.is_set("l64", T_INT));
-    EXPECT_EQ(t.get_list_int("none").size(), 0u);
     EXPECT_EQ(&t.get_list_int("l64"), TypeManager::get(T_LIST_INT)->get_empty());
     EXPECT_EQ(t.get_plist_int("none"), nullptr);
     EXPECT_EQ(&t.get_astring("none"), TypeManager::get(T_ASTRING)->get_empty());
@@ -202,7 +212,7 @@ TEST(Tuple, DuplicateNameAddedBelowTheSetterIsLoggedAndStandsFirst) {
     EXPECT_TRUE(t.is_empty());
 }
 
-TEST(Tuple, NameOutsideTheHeaderIsRefusedAndTheTupleUnchanged) {
+TEST(Tuple, NameOrKindTheHeaderCannotHoldIsRefusedAndTheTupleUnchanged) {
     // A symbol that names nothing is refused like one whose number does not fit in 22 bits.
     Tuple t;
     t.set_int("keep", 1);
@@ -210,32 +220,36 @@ TEST(Tuple, NameOutsideTheHeaderIsRefusedAndTheTupleUnchanged) {
     StdoutCapture capture;
     EXPECT_EQ(t.set_int(unknown, 5), 5);
     EXPECT_EQ(t.add_value(unknown, T_INT), nullptr);
+    EXPECT_EQ(t.set_value("x", static_cast<Types>(33), &t, false, false), nullptr);
+    EXPECT_EQ(t.add_value("x", static_cast<Types>(60)), nullptr);
     EXPECT_EQ(logged(capture, "TUPLE", "ATT NAME IS NOT A SYMBOL"), 2) << capture.text();
+    EXPECT_EQ(logged(capture, "TYPEMANAGER", "INVALID TYPE 33"), 1) << capture.text();
+    EXPECT_EQ(logged(capture, "TUPLE", "INVALID TYPE 60"), 1) << capture.text();
     EXPECT_EQ(layout(t), "keep:3");
 }
 
-TEST(Tuple, KindWithoutManagerIsRefused) {
+TEST(Tuple, ReferenceUsesTheCallersObjectAndNeverFreesIt) {
     Tuple t;
-    StdoutCapture capture;
-    EXPECT_EQ(t.set_value("x", static_cast<Types>(33), &t, false, false), nullptr);
-    EXPECT_EQ(t.add_value("x", static_cast<Types>(60)), nullptr);
-    EXPECT_EQ(logged(capture, "TYPEMANAGER", "INVALID TYPE 33"), 1) << capture.text();
-    EXPECT_EQ(logged(capture, "TUPLE", "INVALID TYPE 60"), 1) << capture.text();
-    EXPECT_TRUE(t.is_empty());
-}
-
-TEST(Tuple, ReferencedObjectsAreNeverFreed) {
+    int first = 1, second = 9;
+    EXPECT_EQ(&t.set_ref_int("x", first), &first);
+    first = 4;
+    EXPECT_EQ(t.get_int("x", 0), 4);
+    *t.get_pint("x") = 6;
+    EXPECT_EQ(first, 6);
+    t.set_ref_int("x", second);  // the same kind by reference: kept, the content assigned into `first`
+    EXPECT_EQ(first, 9);
+    EXPECT_EQ(t.get_value("x")->get_pvalue(), &first);
     AString text("kept");
     ListAString list{"a"};
     Tuple inner("inner");
     inner.set_int("n", 1);
     {
-        Tuple t;
-        t.set_ref_astring("s", text);
-        t.set_cref_list_astring("l", list);
-        t.set_ref_tuple("t", inner);
-        t.set_int("s", 1);
-        t.clear(Symbol("l"));
+        Tuple refs;
+        refs.set_ref_astring("s", text);
+        refs.set_cref_list_astring("l", list);
+        refs.set_ref_tuple("t", inner);
+        refs.set_int("s", 1);
+        refs.clear(Symbol("l"));
     }
     EXPECT_EQ(text, "kept");
     EXPECT_EQ(list.size(), 1u);
@@ -244,7 +258,7 @@ TEST(Tuple, ReferencedObjectsAreNeverFreed) {
 
 // --- whole-tuple operations -----------------------------------------------------------------------------
 
-TEST(TupleWhole, AssignKeepsTheClassNameAndCopyingTakesIt) {
+TEST(TupleWhole, AssignKeepsTheClassNameWhileCopyingAndSpliceTakeIt) {
     Tuple source("src");
     int held = 3;
     source.set_cref_int("r", held);
@@ -258,6 +272,10 @@ TEST(TupleWhole, AssignKeepsTheClassNameAndCopyingTakesIt) {
     *copy.get_pint("r") = 4;
     EXPECT_EQ(held, 3);
     EXPECT_TRUE(copy.is_a("src"));
+    target = parse("dst{old:i=1}");
+    target.splice(copy);  // takes the chain and empties the other
+    EXPECT_EQ(text_of(target), "src{r:i=4}");
+    EXPECT_EQ(text_of(copy), "{}");
 }
 
 TEST(TupleWhole, ATupleCanTakeOverOneNestedInIt) {
@@ -271,15 +289,7 @@ TEST(TupleWhole, ATupleCanTakeOverOneNestedInIt) {
     EXPECT_EQ(text_of(t), "deeper{n:i=1}");
 }
 
-TEST(TupleWhole, SpliceTakesTheChainAndEmptiesTheOther) {
-    Tuple other = parse("o{a:i=1}");
-    Tuple t = parse("t{b:i=2}");
-    t.splice(other);
-    EXPECT_EQ(text_of(t), "o{a:i=1}");
-    EXPECT_EQ(text_of(other), "{}");
-}
-
-TEST(TupleWhole, MergeReplacesEveryValueOfTheMergedNames) {
+TEST(TupleWhole, MergeReplacesEveryValueOfTheMergedNamesOrOfTheListedOnes) {
     Tuple t = parse("{a:i=1, b:i=2, c:i=3}");
     t.add_value("b", T_DOUBLE);
     Tuple other = parse("{d:i=4}");
@@ -287,10 +297,7 @@ TEST(TupleWhole, MergeReplacesEveryValueOfTheMergedNames) {
     *other.add_value("b", T_INT)->is_int() = 21;
     t.merge(other);
     EXPECT_EQ(text_of(t), "{a:i=1, b:i=21, b:i=20, c:i=3, d:i=4}");
-}
-
-TEST(TupleWhole, MergeOnlyAndMergeExceptFollowTheListedNames) {
-    Tuple other = parse("{a:i=10, b:i=20, c:i=30}");
+    other = parse("{a:i=10, b:i=20, c:i=30}");
     Tuple only = parse("{a:i=1, b:i=2}"), except(only);
     only.merge_only(other, ListSymbol{Symbol("b"), Symbol("c")});
     except.merge_except(other, ListSymbol{Symbol("b")});
@@ -334,7 +341,8 @@ TEST(TupleText, SmallTupleHasTheDocumentedText) {
     t.add_astring("tags", "b");
     t.set_int("id", 7);
     EXPECT_EQ(text_of(t), "order{id:i=7, tags:las=[\"a\", \"b\"]}");
-    EXPECT_EQ(parse(" order {\n tags : las = [ \"a\" , \"b\" ] , id:i= 7 } "), t);  // white space between tokens
+    EXPECT_EQ(parse(" order {\n tags : las = [ \"a\" , \"b\" ] , id:i= 7 } "),
+              t);  // white space between tokens
 }
 
 TEST(TupleText, ValuesAreWrittenInTheirDocumentedForms) {
@@ -349,67 +357,11 @@ TEST(TupleText, ValuesAreWrittenInTheirDocumentedForms) {
     t.set_string("s", String(units, 3));
     t.set_time_date("t", TimeDate(2024, 2, 29, 13, 5, 9, 123456, false));
     t.set_symbol("two words", Symbol("x:y"));
-    EXPECT_EQ(text_of(t),
-              "{\"\":b=true, a:as=\"q\\\"\\\\\\n\\t\\x01\\x7F\xc3\", b:bb=<AAE=>, d:d=-0, f:f=0.1, p:tp=-0.000001, "
-              "s:s=\"\\u00E9\\u0022x\", t:td=2024-02-29T13:05:09.123456, \"two words\":ss=\"x:y\"}");
+    EXPECT_EQ(
+        text_of(t),
+        "{\"\":b=true, a:as=\"q\\\"\\\\\\n\\t\\x01\\x7F\xc3\", b:bb=<AAE=>, d:d=-0, f:f=0.1, p:tp=-0.000001, "
+        "s:s=\"\\u00E9\\u0022x\", t:td=2024-02-29T13:05:09.123456, \"two words\":ss=\"x:y\"}");
 }
-
-namespace {
-
-// A tuple holding every kind, with the awkward values of each.
-Tuple every_kind() {
-    using F = std::numeric_limits<float>;
-    using D = std::numeric_limits<double>;
-    using L = std::numeric_limits<std::int64_t>;
-    Tuple t;
-    t.set_bool("b", true);
-    t.set_list_bool("lbo", ListBool{false, true});
-    t.set_int("i", std::numeric_limits<int>::min());
-    t.set_list_int("li", ListInt{std::numeric_limits<int>::max(), 0});
-    t.set_list_int("li.empty", ListInt{});
-    t.set_long("l", L::min());
-    t.set_list_long("ll", ListLong{L::max(), -1});
-    t.set_float("f", F::denorm_min());
-    t.set_list_float("lf", ListFloat{F::infinity(), -F::infinity(), F::quiet_NaN(), -0.0f, F::max(), F::lowest()});
-    t.set_double("d", D::max());
-    t.set_list_double("ld", ListDouble{D::infinity(), -D::infinity(), D::quiet_NaN(), -0.0, D::denorm_min(), 0.1});
-    AString bytes("q\"\\\n\r\t\0\x01\x7f\x80\xff end", 15);
-    t.set_astring("as", bytes);
-    t.set_list_astring("las", ListAString{bytes, ""});
-    WChar const units[] = {0, '"', '\\', 0xE9, 0xD800, 0xFFFF, 'A'};
-    t.set_string("s", String(units, 7));
-    t.set_list_string("ls", ListString{String(units, 7), String()});
-    t.set_blob("bb", Blob(std::string(100, '\xa5').data(), 100, 100));  // base64 longer than one XML line
-    t.set_list_blob("lb", ListBlob{Blob(), Blob("\xff", 1, 1)});
-    StringBuffer buffer(4);  // several pages
-    buffer.append(bytes.c_str(), bytes.length());
-    t.set_stringbuffer("sb", buffer);
-    t.set_list_stringbuffer("lsb", ListStringBuffer{buffer, StringBuffer()});
-    t.set_symbol("ss", Symbol("needs quoting:"));
-    t.set_list_symbol("lss", ListSymbol{Symbol(""), Symbol("plain")});
-    t.set_time_period("tp", TimePeriod(-5, -250000, false));
-    t.set_list_time_period("ltp", ListTimePeriod{TimePeriod(0, -1, false), TimePeriod(L::min(), 0, false),
-                                                 TimePeriod(L::max(), 999999, false)});
-    t.set_time_date("td", TimeDate(-44, 3, 15, 12, 30, 0, 7, false));
-    t.set_list_time_date("ltd", ListTimeDate{TimeDate(2024, 2, 29, 23, 59, 59, 999999, false),
-                                             TimeDate(std::int64_t{L::max() / 4}), TimeDate(std::int64_t{-1})});
-    t.set_array_int("ai", ArrayInt{std::numeric_limits<int>::min(), 0});
-    t.set_array_long("al", ArrayLong{});
-    t.set_array_float("af", ArrayFloat{-0.0f, F::quiet_NaN()});
-    t.set_array_double("ad", ArrayDouble{D::lowest(), D::min()});
-    t.set_list_array_int("lai", ListArrayInt{ArrayInt{1}, ArrayInt{}});
-    t.add_array_long("lal", ArrayLong{L::max()});
-    t.add_array_float("laf", ArrayFloat{F::min()});
-    t.set_list_array_double("lad", ListArrayDouble{});
-    Tuple inner("my class");  // names that need quoting
-    for (char const* name : {" ", "", ":", "a\"b"}) inner.set_astring(name, name);
-    t.set_tuple("t", Tuple()).set_tuple("deeper", inner);
-    t.set_list_tuple("lt", ListTuple{inner, Tuple()});
-    t.set_list_tuple("lt.empty", ListTuple{});
-    return t;
-}
-
-}  // namespace
 
 TEST(TupleText, EveryKindReadsBackIntoAnEqualTuple) {
     Tuple t = every_kind();
@@ -418,7 +370,7 @@ TEST(TupleText, EveryKindReadsBackIntoAnEqualTuple) {
     EXPECT_EQ(kinds.size(), 34u);
 
     std::string text = text_of(t);
-    EXPECT_EQ(text.find('\n'), std::string::npos) << text;  // one line, long blobs included
+    EXPECT_EQ(text.find('\n'), std::string::npos) << text;   // one line, long blobs included
     EXPECT_NE(text.find(", @"), std::string::npos) << text;  // the date beyond the calendar form
     Tuple back = parse("previous{previous:i=1}");
     StdoutCapture capture;
@@ -426,10 +378,6 @@ TEST(TupleText, EveryKindReadsBackIntoAnEqualTuple) {
     EXPECT_EQ(capture.text(), "");
     EXPECT_EQ(back, t);
     EXPECT_EQ(text_of(back), text);  // also tells -0 from 0 and nan from numbers, which compare equal
-    EXPECT_TRUE(std::signbit(back.get_array_float("af")[0]));
-    EXPECT_TRUE(std::isnan(back.get_array_float("af")[1]));
-    EXPECT_EQ(back.get_list_time_date("ltd").back(), TimeDate(std::int64_t{-1}));
-    EXPECT_EQ(back.get_stringbuffer("sb").get_size(), 15u);
 }
 
 TEST(TupleText, NestingUpTo128IsRead) {
@@ -446,37 +394,40 @@ TEST(TupleText, NestingUpTo128IsRead) {
     EXPECT_EQ(t.to_string().length(), nested(128).length());
 }
 
-namespace {
-
-// from_string refuses the text, logs the error and its position, and leaves the tuple as it was.
-void expect_refused(char const* text, char const* error, int position) {
-    Tuple t("kept");
-    t.set_int("k", 1);
-    StdoutCapture capture;
-    EXPECT_FALSE(t.from_string(text));
-    std::string shown;  // the record doubles backslashes
-    for (char const* p = text; *p; ++p) shown += *p == '\\' ? "\\\\" : std::string(1, *p);
-    std::string message = "TUPLE TEXT: " + std::string(error) + " AT " + std::to_string(position) + " IN '" + shown + "'";
-    EXPECT_EQ(logged(capture, "TUPLE", message), 1) << capture.text();
-    EXPECT_EQ(text_of(t), "kept{k:i=1}");
+TEST(TupleTextDamage, MalformedTextIsRefusedWithItsErrorAndPositionAndTheTupleKept) {
+    struct {
+        char const* text;
+        char const* error;
+        int position;
+    } const cases[] = {
+        {"{a:li=[1,", "VALUE EXPECTED", 9},  // truncated
+        {"{a:as=\"ab", "UNTERMINATED STRING", 9},
+        {"{a:zz=1}", "UNKNOWN KIND CODE", 6},
+        {"{a:i=12x}", "BAD NUMBER", 8},
+        {"{a:i=2147483648}", "BAD NUMBER", 15},
+        {"{a:as=\"\\q\"}", "BAD ESCAPE", 9},
+        {"{a:as=\"\\u0041\"}", "BAD ESCAPE", 9},  // wide escape in a byte string
+        {"{a:bb=<A@==>}", "BAD BASE64", 12},
+        {"{a:td=2024-02-30}", "BAD TIME DATE", 16},
+        {"{a:td=2024-02-29T13:05:09.5}", "BAD TIME DATE", 27},  // fraction not six digits
+        {"a:i=1}", "EXPECTED '{'", 1},
+        {"{a:i=1", "EXPECTED '}'", 6},
+        {"{} {}", "TEXT AFTER THE TUPLE", 3},
+        {"", "NAME EXPECTED", 0},
+    };
+    for (auto const& c : cases) {
+        Tuple t("kept");
+        t.set_int("k", 1);
+        StdoutCapture capture;
+        EXPECT_FALSE(t.from_string(c.text)) << c.text;
+        std::string shown;  // the record doubles backslashes
+        for (char const* p = c.text; *p; ++p) shown += *p == '\\' ? "\\\\" : std::string(1, *p);
+        std::string message = "TUPLE TEXT: " + std::string(c.error) + " AT " + std::to_string(c.position) +
+                              " IN '" + shown + "'";
+        EXPECT_EQ(logged(capture, "TUPLE", message), 1) << capture.text();
+        EXPECT_EQ(text_of(t), "kept{k:i=1}");
+    }
 }
-
-}  // namespace
-
-TEST(TupleTextDamage, Truncated) { expect_refused("{a:li=[1,", "VALUE EXPECTED", 9); }
-TEST(TupleTextDamage, UnterminatedString) { expect_refused("{a:as=\"ab", "UNTERMINATED STRING", 9); }
-TEST(TupleTextDamage, UnknownKindCode) { expect_refused("{a:zz=1}", "UNKNOWN KIND CODE", 6); }
-TEST(TupleTextDamage, BadNumber) { expect_refused("{a:i=12x}", "BAD NUMBER", 8); }
-TEST(TupleTextDamage, NumberOutOfRange) { expect_refused("{a:i=2147483648}", "BAD NUMBER", 15); }
-TEST(TupleTextDamage, BadEscape) { expect_refused("{a:as=\"\\q\"}", "BAD ESCAPE", 9); }
-TEST(TupleTextDamage, WideEscapeInByteString) { expect_refused("{a:as=\"\\u0041\"}", "BAD ESCAPE", 9); }
-TEST(TupleTextDamage, BadBase64) { expect_refused("{a:bb=<A@==>}", "BAD BASE64", 12); }
-TEST(TupleTextDamage, BadDate) { expect_refused("{a:td=2024-02-30}", "BAD TIME DATE", 16); }
-TEST(TupleTextDamage, DateFractionNotSixDigits) { expect_refused("{a:td=2024-02-29T13:05:09.5}", "BAD TIME DATE", 27); }
-TEST(TupleTextDamage, MissingOpeningBrace) { expect_refused("a:i=1}", "EXPECTED '{'", 1); }
-TEST(TupleTextDamage, MissingClosingBrace) { expect_refused("{a:i=1", "EXPECTED '}'", 6); }
-TEST(TupleTextDamage, TrailingText) { expect_refused("{} {}", "TEXT AFTER THE TUPLE", 3); }
-TEST(TupleTextDamage, Empty) { expect_refused("", "NAME EXPECTED", 0); }
 
 // --- format ---------------------------------------------------------------------------------------------
 
