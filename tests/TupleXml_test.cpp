@@ -10,6 +10,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "TestSupport.h"
 #include "tarvik/CommBuffer.h"
@@ -22,7 +23,9 @@ using tarvik::test::TempDir;
 
 namespace {
 
-std::string str(AString const& s) { return std::string(s.c_str(), s.length()); }
+std::string str(AString const& s) {
+    return std::string(s.c_str(), s.length());
+}
 
 std::string xml_of(Tuple const& t, bool text_mode = false) {
     AString out;
@@ -126,13 +129,16 @@ TEST(TupleXml, WritesTheDocumentedText) {
     t.set_blob("bb", Blob(std::string(60, '\0').data(), 60, 60));  // two lines of base64
     t.set_list_array_int("lai", ListArrayInt{ArrayInt{1, 2}, ArrayInt{}});
     t.add_tuple("lt", Tuple("c"));
-    EXPECT_EQ(xml_of(t),
-              "<t n=\"\">\n<as a=\"as\">&lt;&amp;&gt;&apos;&quot;&#10;&#13;&#11;&#12;\t\x7f</as>\n"
-              "<b a=\"b\">false</b>\n<bb a=\"bb\">" + std::string(76, 'A') + "&#10;AAAA</bb>\n"
-              "<td a=\"d\" us=\"123456\">2024:02:29T13:05:09.123</td>\n"
-              "<lai a=\"lai\"><z><z>1</z><z>2</z></z><z/></lai>\n<lf a=\"lf\"><z>-inf</z><z>nan</z></lf>\n"
-              "<lt a=\"lt\">\n<t n=\"c\"></t>\n</lt>\n<td a=\"ms\">2024:02:29T13:05:09.123</td>\n"
-              "<tp a=\"p\">-01:30.000005</tp>\n<d a=\"x\">0.1</d>\n</t>");
+    EXPECT_EQ(
+        xml_of(t),
+        "<t n=\"\">\n<as a=\"as\">&lt;&amp;&gt;&apos;&quot;&#10;&#13;&#11;&#12;\t\x7f</as>\n"
+        "<b a=\"b\">false</b>\n<bb a=\"bb\">" +
+            std::string(76, 'A') +
+            "&#10;AAAA</bb>\n"
+            "<td a=\"d\" us=\"123456\">2024:02:29T13:05:09.123</td>\n"
+            "<lai a=\"lai\"><z><z>1</z><z>2</z></z><z/></lai>\n<lf a=\"lf\"><z>-inf</z><z>nan</z></lf>\n"
+            "<lt a=\"lt\">\n<t n=\"c\"></t>\n</lt>\n<td a=\"ms\">2024:02:29T13:05:09.123</td>\n"
+            "<tp a=\"p\">-01:30.000005</tp>\n<d a=\"x\">0.1</d>\n</t>");
 }
 
 TEST(TupleXml, EveryKindReadsBackIntoAnEqualTuple) {
@@ -228,7 +234,7 @@ void refused(std::string const& text, std::string const& record) {
     t.set_int("k", 1);
     StdoutCapture capture;
     IBStream in(text.c_str());
-    EXPECT_EQ(t.read_xml(in), -1);
+    EXPECT_EQ(t.read_xml(in), -1) << text.substr(0, 100);
     std::istringstream lines(capture.text());
     int n = 0;
     for (std::string line; std::getline(lines, line);) n += line.ends_with("||" + record);
@@ -236,67 +242,53 @@ void refused(std::string const& text, std::string const& record) {
     EXPECT_EQ(str(t.to_string()), "kept{k:i=1}");
 }
 
-// A tuple holding the value is refused with the parser's record "XML: what AT LINE 1 COLUMN column".
-void bad(std::string const& value, std::string const& what, int column) {
-    refused("<t n='c'>" + value + "</t>", "XML: " + what + " AT LINE 1 COLUMN " + std::to_string(column));
-}
-
 }  // namespace
 
-TEST(TupleXmlDamage, Truncated) {
-    refused("<t n='c'><i a='k'>1</i>", "XML: UNEXPECTED END OF TEXT AT LINE 1 COLUMN 24");
+TEST(TupleXmlDamage, MalformedDocumentIsRefusedWithItsRecord) {
+    std::string nested = "<t n='c'>";
+    for (int i = 0; i < 100000; ++i) nested += "<t a='a' n='c'>";
+    std::pair<std::string, std::string> const cases[] = {
+        {"<t n='c'><i a='k'>1</i>", "XML: UNEXPECTED END OF TEXT AT LINE 1 COLUMN 24"},
+        {"<t>\n<i a='k'>1</i></t>", "CLASS NAME EXPECTED t line 1 column 4"},
+        {"<t n=''><t a=''/></t>", "CLASS NAME EXPECTED t line 1 column 18"},
+        {"<t n=''><i>1</i></t>", "ATT NAME EXPECTED i line 1 column 12"},
+        {"<tbl n='c'/>", "MARKUP t EXPECTED tbl"},
+        {"<t n=''><li a=''><y/></li></t>", "MARKUP z EXPECTED y"},
+        {"<t n=''><lt a=''><z/></lt></t>", "MARKUP t EXPECTED z"},
+        {"<t n=''>oops</t>", "MARKUP value element EXPECTED text"},
+        {"<t n='c' n='d'/>", "XML: ATTRIBUTE REPEATED AT LINE 1 COLUMN 11"},
+        {"<t n='c'/>\nx", "XML: TEXT OUTSIDE THE ROOT ELEMENT AT LINE 2 COLUMN 2"},
+        {"<t n='c'/><t n='d'/>", "XML: TEXT AFTER THE ROOT ELEMENT AT LINE 1 COLUMN 12"},
+        {"<!DOCTYPE t [<!ENTITY a 'aaaaaaaa'><!ENTITY b '&a;&a;&a;&a;&a;&a;&a;&a;'>]><t n='&b;'/>",
+         "XML: DOCUMENT TYPE DECLARATIONS ARE NOT SUPPORTED AT LINE 1 COLUMN 3"},
+        {nested, "XML: NESTING TOO DEEP AT LINE 1 COLUMN " + std::to_string(256 * 15 - 4)},
+    };
+    for (auto const& [text, record] : cases) refused(text, record);
 }
-TEST(TupleXmlDamage, MismatchedEndTag) { bad("<i a='k'>1</l>", "END TAG DOES NOT MATCH", 24); }
-TEST(TupleXmlDamage, TupleWithoutClass) {
-    refused("<t>\n<i a='k'>1</i></t>", "CLASS NAME EXPECTED t line 1 column 4");
-}
-TEST(TupleXmlDamage, NestedTupleWithoutClass) {
-    refused("<t n=''><t a=''/></t>", "CLASS NAME EXPECTED t line 1 column 18");
-}
-TEST(TupleXmlDamage, ValueWithoutName) {
-    refused("<t n=''><i>1</i></t>", "ATT NAME EXPECTED i line 1 column 12");
-}
-TEST(TupleXmlDamage, RootIsNotATuple) { refused("<tbl n='c'/>", "MARKUP t EXPECTED tbl"); }
-TEST(TupleXmlDamage, ItemIsNotZ) { refused("<t n=''><li a=''><y/></li></t>", "MARKUP z EXPECTED y"); }
-TEST(TupleXmlDamage, ListOfTuplesHoldsZ) { refused("<t n=''><lt a=''><z/></lt></t>", "MARKUP t EXPECTED z"); }
-TEST(TupleXmlDamage, TextAmongValues) { refused("<t n=''>oops</t>", "MARKUP value element EXPECTED text"); }
-TEST(TupleXmlDamage, UnknownKindCode) { bad("<q a='k'>1</q>", "UNKNOWN KIND q", 19); }
-TEST(TupleXmlDamage, BadInteger) { bad("<i a='k'>12x</i>", "BAD NUMBER", 26); }
-TEST(TupleXmlDamage, IntegerOutOfRange) { bad("<i a='k'>2147483648</i>", "BAD NUMBER", 33); }
-TEST(TupleXmlDamage, BadBoolean) { bad("<b a='k'>yes</b>", "BAD BOOLEAN", 26); }
-TEST(TupleXmlDamage, BadBase64) { bad("<bb a='k'>A@==</bb>", "BAD BASE64", 29); }
-TEST(TupleXmlDamage, BadDate) { bad("<td a='k'>2024-02-29</td>", "BAD TIME DATE", 35); }
-TEST(TupleXmlDamage, DateWithTrailingText) {
-    bad("<td a='k'>2024:02:29T00:00:00 x</td>", "BAD TIME DATE", 46);
-}
-TEST(TupleXmlDamage, BadMicroseconds) {
-    bad("<td a='k' us='1000000'>2024:02:29T00:00:00</td>", "BAD TIME DATE", 33);
-}
-TEST(TupleXmlDamage, BadPeriod) { bad("<tp a='k'>1 s</tp>", "BAD TIME PERIOD", 28); }
-TEST(TupleXmlDamage, PeriodBeyondItsRange) {
-    bad("<tp a='k'>106751991167300:15:30:08</tp>", "BAD TIME PERIOD", 49);
-}
-TEST(TupleXmlDamage, UndefinedEntity) { bad("<as a='k'>&nbsp;</as>", "BAD REFERENCE", 26); }
-TEST(TupleXmlDamage, HugeCharacterReference) {
-    bad("<as a='k'>&#99999999999999999999;</as>", "BAD REFERENCE", 35);
-}
-TEST(TupleXmlDamage, AttributeRepeated) {
-    refused("<t n='c' n='d'/>", "XML: ATTRIBUTE REPEATED AT LINE 1 COLUMN 11");
-}
-TEST(TupleXmlDamage, TextAfterTheRoot) {
-    refused("<t n='c'/>\nx", "XML: TEXT OUTSIDE THE ROOT ELEMENT AT LINE 2 COLUMN 2");
-}
-TEST(TupleXmlDamage, SecondRoot) {
-    refused("<t n='c'/><t n='d'/>", "XML: TEXT AFTER THE ROOT ELEMENT AT LINE 1 COLUMN 12");
-}
-TEST(TupleXmlDamage, DocumentTypeWithEntities) {
-    refused("<!DOCTYPE t [<!ENTITY a 'aaaaaaaa'><!ENTITY b '&a;&a;&a;&a;&a;&a;&a;&a;'>]><t n='&b;'/>",
-            "XML: DOCUMENT TYPE DECLARATIONS ARE NOT SUPPORTED AT LINE 1 COLUMN 3");
-}
-TEST(TupleXmlDamage, NestingBeyondTheParserLimit) {
-    std::string text = "<t n='c'>";
-    for (int i = 0; i < 100000; ++i) text += "<t a='a' n='c'>";
-    refused(text, "XML: NESTING TOO DEEP AT LINE 1 COLUMN " + std::to_string(256 * 15 - 4));
+
+TEST(TupleXmlDamage, MalformedValueIsRefusedWithTheParsersRecord) {
+    struct {
+        char const* value;
+        char const* what;
+        int column;
+    } const cases[] = {
+        {"<i a='k'>1</l>", "END TAG DOES NOT MATCH", 24},
+        {"<q a='k'>1</q>", "UNKNOWN KIND q", 19},
+        {"<i a='k'>12x</i>", "BAD NUMBER", 26},
+        {"<i a='k'>2147483648</i>", "BAD NUMBER", 33},
+        {"<b a='k'>yes</b>", "BAD BOOLEAN", 26},
+        {"<bb a='k'>A@==</bb>", "BAD BASE64", 29},
+        {"<td a='k'>2024-02-29</td>", "BAD TIME DATE", 35},
+        {"<td a='k'>2024:02:29T00:00:00 x</td>", "BAD TIME DATE", 46},
+        {"<td a='k' us='1000000'>2024:02:29T00:00:00</td>", "BAD TIME DATE", 33},
+        {"<tp a='k'>1 s</tp>", "BAD TIME PERIOD", 28},
+        {"<tp a='k'>106751991167300:15:30:08</tp>", "BAD TIME PERIOD", 49},  // beyond its range
+        {"<as a='k'>&nbsp;</as>", "BAD REFERENCE", 26},                      // undefined entity
+        {"<as a='k'>&#99999999999999999999;</as>", "BAD REFERENCE", 35},
+    };
+    for (auto const& c : cases)
+        refused("<t n='c'>" + std::string(c.value) + "</t>",
+                "XML: " + std::string(c.what) + " AT LINE 1 COLUMN " + std::to_string(c.column));
 }
 
 // --- debug dumps ----------------------------------------------------------------------------------------
