@@ -234,16 +234,12 @@ TEST(CommBuffer, IntegerReadPastEndKeepsPartialValueAndReturnsZero) {
 
 // --- pages ------------------------------------------------------------------------------------------------
 
-TEST(CommBuffer, OneIntInFreshBufferIsOnePageWithHeader) {
-    CommBuffer b;
-    EXPECT_EQ(b.write(5), 2);
-    EXPECT_EQ(b.size(), 23u);
-    EXPECT_EQ(b.get_first(), b.get_last());
-    EXPECT_EQ(b.get_last()->used, 23u);
-    EXPECT_EQ(wire(b), "TVK01/xxxx1/00000017/\x05\x80");
-}
-
-TEST(CommBuffer, WritingSplitsValuesAtThePageSize) {
+TEST(CommBuffer, PagesStartWithTheirHeaderAndSplitValuesAtThePageSize) {
+    CommBuffer one;
+    EXPECT_EQ(one.write(5), 2);
+    EXPECT_EQ(one.get_first(), one.get_last());
+    EXPECT_EQ(one.get_last()->used, 23u);
+    EXPECT_EQ(wire(one), "TVK01/xxxx1/00000017/\x05\x80");
     EXPECT_EQ(CommBuffer(10).get_page_size(), 22u);
     EXPECT_EQ(CommBuffer(21).get_page_size(), 21u);
     CommBuffer b(10);
@@ -358,18 +354,29 @@ TEST(CommBuffer, PagesReceivedInPlaceReadBackAfterHeaderUpdate) {
     EXPECT_EQ(v, -70000);
 }
 
-TEST(CommBuffer, UpdateFromHeaderRefusesBadHeadersAndDropsThePage) {
+TEST(CommBuffer, BadPageHeaderIsRefusedInPlaceAndFromAStream) {
+    std::string const record = "CommBuffer::Page::update_from_header: INVALID HEADER!";
+    // Non-hex length, wrong magic, length below the header size, length beyond the page.
     for (char const* header : {"TVK01/xxxx1/0000001g/", "TVX01/xxxx1/00000017/", "TVK01/xxxx1/00000014/",
-                               "TVK01/xxxx1/00000029/"}) {  // the last is longer than its page
+                               "TVK01/xxxx1/00000029/"}) {
         CommBuffer b;
         std::memcpy(b.allocate_in_new_page(40, false), header, 21);
         b.add_size(30);
         bool ok = true;
         std::string out = printed([&] { ok = b.get_last()->update_from_header(); });
         EXPECT_FALSE(ok) << header;
-        EXPECT_EQ(b.get_last()->used, 0u);
+        EXPECT_EQ(b.get_last()->used, 0u);  // the page is dropped
         EXPECT_EQ(b.size(), 0u);
-        EXPECT_EQ(logged(out, "CommBuffer::Page::update_from_header: INVALID HEADER!"), 1);
+        EXPECT_EQ(logged(out, record), 1);
+    }
+    for (std::string const& bytes : {"TVX01/xxxx1/00000017/\x05\x80"s, "TVK01/xxxx1/0000001z/\x05\x80"s,
+                                     "TVK01/xxxx1/00000014/\x05\x80"s,
+                                     "TVK01/xxxx0/00000016/aTVK01/xxxx1/0000-016/b"s}) {  // the second page
+        CommBuffer b;
+        long r = 0;
+        std::string out = printed([&] { r = receive(bytes, b); });
+        EXPECT_EQ(r, -1) << bytes;
+        EXPECT_EQ(logged(out, record), 1) << bytes;
     }
 }
 
@@ -566,30 +573,6 @@ TEST(CommBuffer, ByteStreamsWriteAndReadValueBytes) {
 
 // --- hostile input ----------------------------------------------------------------------------------------
 
-// The result of receiving a page stream, and how many invalid-header records it logged.
-std::pair<long, int> received(std::string const& bytes) {
-    CommBuffer b;
-    long r = 0;
-    std::string out = printed([&] { r = receive(bytes, b); });
-    return {r, logged(out, "CommBuffer::Page::update_from_header: INVALID HEADER!")};
-}
-
-TEST(CommBuffer, WrongMagicIsRefused) {
-    EXPECT_EQ(received("TVX01/xxxx1/00000017/\x05\x80"), std::pair(-1L, 1));
-}
-
-TEST(CommBuffer, NonHexLengthIsRefused) {
-    EXPECT_EQ(received("TVK01/xxxx1/0000001z/\x05\x80"), std::pair(-1L, 1));
-}
-
-TEST(CommBuffer, LengthBelowHeaderSizeIsRefused) {
-    EXPECT_EQ(received("TVK01/xxxx1/00000014/\x05\x80"), std::pair(-1L, 1));
-}
-
-TEST(CommBuffer, BadSecondPageIsRefused) {
-    EXPECT_EQ(received("TVK01/xxxx0/00000016/aTVK01/xxxx1/0000-016/b"), std::pair(-1L, 1));
-}
-
 TEST(CommBuffer, HugeAnnouncedPageCostsOnlyTheBytesThatArrive) {
     for (std::size_t body : {std::size_t{19}, std::size_t{1} << 20}) {
         CommBuffer b;
@@ -640,17 +623,6 @@ TEST(CommBuffer, DictionaryPositionOutOfRangeIsRefused) {
     EXPECT_EQ(logged(out, "CommBuffer::read_using_dictionary: corrupted! (invalid pos -3)"), 1);
 }
 
-TEST(CommBuffer, NameLongerThanBufferIsRefused) {
-    CommBuffer b = raw(unhex("7f 80 61 62"));  // 127, then two bytes
-    Symbol s("untouched");
-    long r = 0;
-    std::string out = printed([&] { r = b.read(s); });
-    EXPECT_EQ(r, -1);
-    EXPECT_EQ(s, Symbol("untouched"));
-    EXPECT_EQ(b.dictionary_size(), 0u);
-    EXPECT_EQ(logged(out, "CommBuffer::read_using_dictionary: corrupted! (invalid size 127)"), 1);
-}
-
 TEST(CommBuffer, LengthBeyondRemainingBytesIsRefused) {
     std::string const bytes = unhex("68 87 61 62");  // 1000, then two bytes
     AString a;
@@ -670,6 +642,13 @@ TEST(CommBuffer, LengthBeyondRemainingBytesIsRefused) {
     EXPECT_EQ(r, std::vector<long>{-1});
     EXPECT_EQ(logged(out, "CommBuffer::read: corrupted! (invalid length 18446744073709551615, 0 bytes left)"),
               1);
+    Symbol name("untouched");
+    CommBuffer b = raw(unhex("7f 80 61 62"));  // a name of 127 bytes, then two bytes
+    out = printed([&] { r = {b.read(name)}; });
+    EXPECT_EQ(r, std::vector<long>{-1});
+    EXPECT_EQ(name, Symbol("untouched"));
+    EXPECT_EQ(b.dictionary_size(), 0u);
+    EXPECT_EQ(logged(out, "CommBuffer::read_using_dictionary: corrupted! (invalid size 127)"), 1);
 }
 
 TEST(CommBuffer, UnknownTypeCodeInTupleIsRefused) {
