@@ -68,6 +68,9 @@ TEST(OBStream, TextFileStoresCrLfAndAppendWritesAtTheEndOrTruncates) {
     EXPECT_EQ(read_file(path), "a\r\nb\r\n+x\n");
     write_through(dir.file("created.txt"), true, false, "y");
     EXPECT_EQ(read_file(dir.file("created.txt")), "y");
+    StdoutCapture capture;
+    write_through("", false, true, "x\ny\n");  // the empty path: standard output, plain line feeds
+    EXPECT_EQ(capture.text(), "x\ny\n");
 }
 
 TEST(OBStream, FileOutputIsWrittenInWholeBuffersAndOnFlush) {
@@ -81,12 +84,6 @@ TEST(OBStream, FileOutputIsWrittenInWholeBuffersAndOnFlush) {
     out << "end";
     out.close();
     EXPECT_EQ(read_file(path).size(), 3003u);
-}
-
-TEST(OBStream, EmptyPathWritesToStandardOutputWithPlainLineFeeds) {
-    StdoutCapture capture;
-    write_through("", false, true, "x\ny\n");
-    EXPECT_EQ(capture.text(), "x\ny\n");
 }
 
 // --- input ----------------------------------------------------------------------------------------------
