@@ -198,7 +198,7 @@ TEST(OBStreamFormat, PositionsPickArgumentsAndWhatMatchesNoneIsWrittenBack) {
     EXPECT_EQ(formatted("100%% %x %[04]y 50%", 1), "100%% %x %[04]y 50%1");
 }
 
-TEST(OBStreamFormat, SpecGivesWidthAndFlagsToNumbersOnlyAndWhenSafe) {
+TEST(OBStreamFormat, BracketGivesPrintfFlagsToNumbersOnlyAndWithinThreeDigits) {
     EXPECT_EQ(formatted("%[04]0|%[-4]1|%[+]2|%[05]3", 7, 7u, 7, -5LL), "0007|7   |+7|-0005");
     EXPECT_EQ(formatted("%[04]0|%[4s]1|%[*]2|%[l]3", "ab", 7, 7, 7), "ab|7|7|7");
     // Widths and precisions above three digits would let one placeholder print megabytes.
