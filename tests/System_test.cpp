@@ -47,7 +47,6 @@ TEST(System, ApplicationNameIsTvkUntilSet) {
     EXPECT_EQ(str(get_application_name()), "TVK");
     EXPECT_FALSE(set_application_name("TVK"));
     EXPECT_TRUE(set_application_name("svc"));
-    EXPECT_FALSE(set_application_name("svc"));
     EXPECT_EQ(str(get_application_name()), "svc");
     // An emptied name reads as "TVK" again.
     EXPECT_TRUE(set_application_name(""));
