@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -112,38 +111,29 @@ TEST(Directory, ListSortsNamesAndTellsFilesFromDirectories) {
         << capture.text();
 }
 
-TEST(Directory, RemoveTakesOnlyAnEmptyDirectory) {
-    TempDir tmp;
-    Directory dir = dir_at(tmp.file("d"));
-    ASSERT_TRUE(dir.create());
-    ASSERT_TRUE(write_file(tmp.file("d/f"), ""));
-    StdoutCapture capture;
-    EXPECT_FALSE(dir.remove());
-    EXPECT_EQ(capture.records_with("CANNOT REMOVE DIRECTORY " + tmp.file("d") + because(ENOTEMPTY)), 1)
-        << capture.text();
-    ASSERT_EQ(::unlink(tmp.file("d/f").c_str()), 0);
-    EXPECT_TRUE(dir.remove());
-    EXPECT_FALSE(dir.exists());
-}
-
-TEST(Directory, RemoveAllTakesTheTreeButNotWhatItsLinksPointTo) {
+TEST(Directory, RemoveTakesOnlyAnEmptyDirectoryAndRemoveAllNotWhatTheTreesLinksPointTo) {
     TempDir tmp;
     ASSERT_TRUE(dir_at(tmp.file("tree/x/y/z")).create());
     ASSERT_TRUE(dir_at(tmp.file("outside")).create());
-    for (char const* f : {"outside/keep", "tree/f", "tree/x/f", "tree/x/y/z/f"})
+    for (char const* f : {"outside/keep", "tree/f", "tree/x/f", "tree/x/y/f"})
         ASSERT_TRUE(write_file(tmp.file(f), "d"));
     ASSERT_EQ(::symlink(tmp.file("outside").c_str(), tmp.file("tree/x/link").c_str()), 0);
     ASSERT_EQ(::symlink(tmp.file("outside").c_str(), tmp.file("dirlink").c_str()), 0);
 
+    StdoutCapture capture;
+    EXPECT_FALSE(dir_at(tmp.file("tree/x/y")).remove());
+    EXPECT_TRUE(dir_at(tmp.file("tree/x/y/z")).remove());
+    EXPECT_FALSE(dir_at(tmp.file("tree/x/y/z")).exists());
     EXPECT_TRUE(dir_at(tmp.file("tree")).remove_all());
     EXPECT_FALSE(Path(tmp.file("tree").c_str()).exists());
     EXPECT_TRUE(dir_at(tmp.file("tree")).remove_all());  // already gone
-    StdoutCapture capture;
     EXPECT_FALSE(dir_at(tmp.file("outside/keep")).remove_all());
     EXPECT_FALSE(dir_at(tmp.file("dirlink")).remove_all());
     EXPECT_TRUE(is_file(tmp.file("outside/keep")));
-    EXPECT_EQ(capture.records_with("CANNOT REMOVE " + tmp.file("outside/keep") + because(ENOTDIR)), 1)
-        << capture.text();
+    EXPECT_EQ(capture.records_with("\tERR|TVK|DIRECTORY|"), 3) << capture.text();
+    EXPECT_EQ(capture.records_with("CANNOT REMOVE DIRECTORY " + tmp.file("tree/x/y") + because(ENOTEMPTY)),
+              1);
+    EXPECT_EQ(capture.records_with("CANNOT REMOVE " + tmp.file("outside/keep") + because(ENOTDIR)), 1);
     EXPECT_EQ(capture.records_with("CANNOT REMOVE " + tmp.file("dirlink") + because(ENOTDIR)), 1);
 }
 
@@ -199,9 +189,12 @@ TEST(Directory, WatcherReportsCreatedChangedAndRemovedEntries) {
     EXPECT_TRUE(none.is_empty());
 }
 
-TEST(Directory, WatcherOnAMissingDirectoryOrAFileFails) {
+TEST(Directory, WatcherFailsOnAMissingDirectoryOnAFileAndOnceItsDirectoryIsRemoved) {
     TempDir tmp;
     ASSERT_TRUE(write_file(tmp.file("plain"), ""));
+    ASSERT_TRUE(dir_at(tmp.file("w")).create());
+    ASSERT_TRUE(write_file(tmp.file("w/f"), ""));
+    Directory::Watcher watcher(Path(tmp.file("w").c_str()));
     StdoutCapture capture;
     Directory::Watcher missing(Path(tmp.file("missing").c_str()));
     Directory::Watcher file(Path(tmp.file("plain").c_str()));
@@ -209,25 +202,16 @@ TEST(Directory, WatcherOnAMissingDirectoryOrAFileFails) {
     EXPECT_FALSE(file.is_open());
     Array<Directory::Change> changes;
     EXPECT_EQ(missing.poll(changes, TimePeriod()), -1);
-    EXPECT_EQ(capture.records_with("\tERR|TVK|DIRECTORY|"), 3) << capture.text();
-    EXPECT_EQ(capture.records_with("CANNOT WATCH DIRECTORY " + tmp.file("missing") + because(ENOENT)), 1);
-    EXPECT_EQ(capture.records_with("CANNOT WATCH DIRECTORY " + tmp.file("plain") + because(ENOTDIR)), 1);
-    EXPECT_EQ(capture.records_with("DIRECTORY WATCHER NOT OPEN " + tmp.file("missing")), 1);
-}
 
-TEST(Directory, WatcherFailsOnceItsDirectoryIsRemoved) {
-    TempDir tmp;
-    ASSERT_TRUE(dir_at(tmp.file("w")).create());
-    ASSERT_TRUE(write_file(tmp.file("w/f"), ""));
-    Directory::Watcher watcher(Path(tmp.file("w").c_str()));
     ASSERT_TRUE(dir_at(tmp.file("w")).remove_all());
-    StdoutCapture capture;
     std::vector<std::string> seen;
     EXPECT_GE(await(watcher, seen, "removed:f"), 0);
     EXPECT_EQ(await(watcher, seen, "never"), -1);  // ends with the failure, well before the deadline
-    Array<Directory::Change> after;
-    EXPECT_EQ(watcher.poll(after, TimePeriod()), -1);
-    EXPECT_EQ(capture.records_with("\tERR|TVK|DIRECTORY|"), 1) << capture.text();
+    EXPECT_EQ(watcher.poll(changes, TimePeriod()), -1);
+    EXPECT_EQ(capture.records_with("\tERR|TVK|DIRECTORY|"), 4) << capture.text();
+    EXPECT_EQ(capture.records_with("CANNOT WATCH DIRECTORY " + tmp.file("missing") + because(ENOENT)), 1);
+    EXPECT_EQ(capture.records_with("CANNOT WATCH DIRECTORY " + tmp.file("plain") + because(ENOTDIR)), 1);
+    EXPECT_EQ(capture.records_with("DIRECTORY WATCHER NOT OPEN " + tmp.file("missing")), 1);
     EXPECT_EQ(capture.records_with("WATCHED DIRECTORY " + tmp.file("w") + " IS GONE"), 1);
 }
 

@@ -94,28 +94,21 @@ TEST(List, ElementsNeverMoveWhileOthersComeAndGo) {
     EXPECT_EQ(kept, "kept");
 }
 
-TEST(List, ReservedNodesComeFromOneBlock) {
-    List<long long> l;
-    l.reserve(100);
-    std::vector<char const*> at;
-    for (int i = 0; i < 100; ++i) at.push_back(reinterpret_cast<char const*>(&l.push_back(i)));
-    std::ptrdiff_t stride = at[1] - at[0];
-    ASSERT_GT(stride, 0);
-    for (int i = 1; i < 100; ++i) EXPECT_EQ(at[i] - at[i - 1], stride) << i;
-}
-
-TEST(List, AMovedListKeepsItsReservedAndReleasedNodes) {
+TEST(List, ReservedNodesComeFromOneBlockThatAMovedListKeepsWithItsReleasedNodes) {
     List<long long> a;
     a.reserve(8);
-    char const* first = reinterpret_cast<char const*>(&a.push_back(0));
-    std::ptrdiff_t const stride = reinterpret_cast<char const*>(&a.push_back(1)) - first;
-    a.push_back(2);
+    std::vector<char const*> at;
+    for (int i = 0; i < 6; ++i) at.push_back(reinterpret_cast<char const*>(&a.push_back(i)));
+    std::ptrdiff_t const stride = at[1] - at[0];
+    ASSERT_GT(stride, 0);
+    for (int i = 1; i < 6; ++i) EXPECT_EQ(at[i] - at[i - 1], stride) << i;
+
     a.erase(a.begin());
     List<long long> b(static_cast<List<long long>&&>(a));
-    // 2 elements and 6 nodes to spare (5 never used, 1 released): 6 more fit in the same block.
-    for (int i = 3; i < 9; ++i) b.push_back(i);
+    // 5 elements and 3 nodes to spare (2 never used, 1 released): 3 more fit in the same block.
+    for (int i = 6; i < 9; ++i) b.push_back(i);
     for (long long const& v : b) {
-        auto offset = reinterpret_cast<char const*>(&v) - first;
+        auto offset = reinterpret_cast<char const*>(&v) - at[0];
         EXPECT_TRUE(offset >= 0 && offset < 8 * stride) << v;
     }
     EXPECT_EQ(b.size(), 8u);
@@ -137,14 +130,12 @@ TEST(List, SpliceMovesEveryElementAndLeavesTheOtherEmptyAndUsable) {
             a.splice(b);
             EXPECT_EQ(Tracked::live, 5);  // nothing copied or destroyed
             EXPECT_TRUE(b.is_empty());
-            EXPECT_EQ(b.begin(), b.end());
             b.push_back(Tracked(7));
             b.splice(b);
             EXPECT_EQ(b.size(), 1u);
         }  // b dies; a owns the spliced nodes
         EXPECT_EQ(&a.back(), moved);
         EXPECT_EQ(values(a), (std::vector<int>{1, 3, 4, 5, 6}));
-        EXPECT_EQ(a.back().text, "6");
 
         List<Tracked> other;
         a.splice(other);

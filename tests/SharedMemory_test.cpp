@@ -63,9 +63,7 @@ TEST(SharedMemory, AreaWrittenByOneProcessIsReadByAnother) {
 
 TEST(SharedMemory, CloseAndSetMapReleaseTheCurrentArea) {
     SharedMemory area;
-    EXPECT_FALSE(area.close());
-    EXPECT_FALSE(area.created());
-    EXPECT_EQ(area.get_map(), nullptr);
+    EXPECT_FALSE(area.close());  // nothing mapped yet
 
     std::string const first = unique_name("first");
     std::string const second = unique_name("second");

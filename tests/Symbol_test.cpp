@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <latch>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,15 +24,6 @@ std::string str(AString const& s) {
 
 }  // namespace
 
-TEST(Symbol, EmptyNameIsNumberZero) {
-    Symbol none;
-    EXPECT_EQ(none, Symbol(""));
-    EXPECT_EQ(none, Symbol(static_cast<char const*>(nullptr)));
-    EXPECT_EQ(none, Symbol(0u));
-    EXPECT_EQ(none.get_num(), 0u);
-    EXPECT_FALSE(none.is_null());
-}
-
 TEST(Symbol, NewNamesAreNumberedDenselyInOrderOfFirstUse) {
     unsigned int before = Symbol::count();
     Symbol b("order.b");
@@ -49,13 +41,19 @@ TEST(Symbol, NewNamesAreNumberedDenselyInOrderOfFirstUse) {
     EXPECT_FALSE(a == "Order.a");
 }
 
-TEST(Symbol, UnknownNumberGivesNullSymbolEqualToEmptyOnlyByNumber) {
+TEST(Symbol, EmptyNameIsNumberZeroAndAnUnknownNumberGivesANullSymbolEqualToItOnlyByNumber) {
+    Symbol none;
+    EXPECT_EQ(none, Symbol(""));
+    EXPECT_EQ(none, Symbol(static_cast<char const*>(nullptr)));
+    EXPECT_EQ(none, Symbol(0u));
+    EXPECT_EQ(none.get_num(), 0u);
+    EXPECT_FALSE(none.is_null());
     for (Symbol const& s : {Symbol(Symbol::count()), Symbol(0xFFFFFFFFu)}) {
         EXPECT_TRUE(s.is_null());
         EXPECT_STREQ(static_cast<char const*>(s), "");
         EXPECT_EQ(s.get_num(), 0u);
-        EXPECT_TRUE(s == Symbol().get_num());
-        EXPECT_NE(s, Symbol());
+        EXPECT_TRUE(s == none.get_num());
+        EXPECT_NE(s, none);
     }
 }
 
@@ -144,30 +142,26 @@ TEST(Symbol, ConcurrentInterningGivesOneDenseNumberPerDistinctName) {
 
     EXPECT_EQ(Symbol::count() - before, kDistinct);
 
-    // Every thread saw the same entry for a name, with that name, and the numbers are exactly the next
-    // kDistinct ones, each used once.
+    // Every thread saw the same entry for a name, with that name, and the distinct entries hold exactly
+    // the next kDistinct numbers.
     std::vector<SymbolEntry const*> by_name(kDistinct, nullptr);
-    std::vector<bool> taken(kDistinct, false);
+    std::set<unsigned int> numbers;
     int bad = 0;
     for (int t = 0; t < kThreads; ++t) {
         for (int i = 0; i < kPerThread; ++i) {
             int const idx = t * kStride + i;
             SymbolEntry const* e = got[t][i];
-            if (!e) {
-                ++bad;
-                continue;
-            }
-            if (by_name[idx]) {
-                if (by_name[idx] != e) ++bad;
-                continue;
-            }
+            if (!e || (by_name[idx] && by_name[idx] != e)) ++bad;
+            if (!e || by_name[idx]) continue;
             by_name[idx] = e;
-            unsigned int const offset = e->num - before;
-            if (str(e->name) != "conc." + std::to_string(idx) || offset >= kDistinct || taken[offset]) ++bad;
-            if (offset < kDistinct) taken[offset] = true;
+            numbers.insert(e->num);
+            if (str(e->name) != "conc." + std::to_string(idx)) ++bad;
         }
     }
     EXPECT_EQ(bad, 0);
+    ASSERT_EQ(numbers.size(), kDistinct);
+    EXPECT_EQ(*numbers.begin(), before);
+    EXPECT_EQ(*numbers.rbegin(), before + kDistinct - 1);
 }
 
 // A thread_local object made before the thread first interns is destroyed after the thread's name cache:
