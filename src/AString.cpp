@@ -34,7 +34,7 @@ unsigned int text_length(char const* s) { return string_ops::length_of(s); }
 struct AStringBlocks {
     static RawAString* allocate(unsigned int n) {
         unsigned long long capacity = (static_cast<unsigned long long>(n) / 16 + 1) * 16;
-        auto* raw = static_cast<RawAString*>(memory::allocate(sizeof(RawAString) + capacity + 1));
+        auto* raw = static_cast<RawAString*>(memory::allocate_small(sizeof(RawAString) + capacity + 1));
         raw->length = 0;
         raw->capacity = static_cast<unsigned int>(capacity);
         raw->chars()[0] = '\0';
@@ -49,7 +49,8 @@ struct AStringBlocks {
         raw = fresh;
     }
     static void release(RawAString* raw) {
-        if (raw && raw != nil_raw() && raw->capacity != 0) std::free(raw);
+        if (raw && raw != nil_raw() && raw->capacity != 0)
+            memory::release_small(raw, sizeof(RawAString) + raw->capacity + 1);
     }
     static RawAString* nil() { return nil_raw(); }
 };

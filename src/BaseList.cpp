@@ -38,7 +38,7 @@ void BaseList::reserve_nodes_(unsigned int n) {
     if (n <= free_count_) return;
     unsigned long long count = n - free_count_;
     chain_fresh_nodes_();
-    auto* chunk = static_cast<Chunk*>(memory::allocate(kChunkHeader + count * node_size_));
+    auto* chunk = static_cast<Chunk*>(memory::allocate_small(kChunkHeader + count * node_size_));
     chunk->count = static_cast<unsigned int>(count);
     chunk->next = chunks_;
     chunks_ = chunk;
@@ -64,7 +64,7 @@ void BaseList::grow_pool_() {
 void BaseList::free_all_() {
     while (chunks_) {
         Chunk* next = chunks_->next;
-        std::free(chunks_);
+        memory::release_small(chunks_, kChunkHeader + chunks_->count * node_size_);
         chunks_ = next;
     }
     head_.next = head_.prev = &head_;

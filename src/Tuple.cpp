@@ -19,26 +19,37 @@ namespace tarvik {
 
 // --- Value ----------------------------------------------------------------------------------------------
 
-Tuple::Value* Tuple::Value::make(Types type, bool by_reference) {
+namespace {
+
+// The bytes of a value of this kind: the link and header, then the payload or a pointer to it. A value's
+// kind and by-reference flag never change after it is made, so its size can be worked out again to free it.
+std::size_t value_bytes(Types type, bool by_reference) {
+    if (by_reference) return sizeof(Tuple::Value) + sizeof(void*);
     TypeManager const* manager = TypeManager::find(type);
-    std::size_t payload = by_reference ? sizeof(void*) : (manager ? manager->get_size() : 0);
-    void* storage = memory::allocate_zeroed(sizeof(Value) + payload);
-    auto* value = new (storage) Value();
+    return sizeof(Tuple::Value) + (manager ? manager->get_size() : 0);
+}
+
+}  // namespace
+
+// Values are made and freed at a high rate (every decoded record), so they come from the small-block cache.
+Tuple::Value* Tuple::Value::make(Types type, bool by_reference) {
+    auto* value = new (memory::allocate_small_zeroed(value_bytes(type, by_reference))) Value();
     value->set_type(type);
     return value;
 }
 
 void Tuple::Value::free(Value* value) {
     if (!value) return;
+    std::size_t bytes = value_bytes(value->get_type(), value->get_is_ref());
     value->~Value();
-    std::free(value);
+    memory::release_small(value, bytes);
 }
 
 Tuple::Value* Tuple::Value::clone() const {
     TypeManager const* manager = TypeManager::find(get_type());
     if (!manager) return nullptr;
     // The payload is copy-constructed at once, so the storage needs no zero-filling.
-    auto* copy = new (memory::allocate(sizeof(Value) + manager->get_size())) Value();
+    auto* copy = new (memory::allocate_small(sizeof(Value) + manager->get_size())) Value();
     // The copy owns its payload, whatever this value held by reference.
     copy->header_ = header_ & ~(kRefBit | kConstBit);
     manager->construct(copy->place_(), get_pvalue());
@@ -233,7 +244,7 @@ Tuple::Value* Tuple::add_value(Symbol const& name, Types kind, Value* hint) {
     TypeManager const* manager = manager_of(kind);
     if (!manager) return nullptr;
     // The payload is constructed at once, so the storage needs no zero-filling.
-    auto* fresh = new (memory::allocate(sizeof(Value) + manager->get_size())) Value();
+    auto* fresh = new (memory::allocate_small(sizeof(Value) + manager->get_size())) Value();
     fresh->set_type(kind);
     fresh->set_symbol(name);
     manager->construct(fresh->place_(), nullptr);

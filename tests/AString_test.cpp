@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "TestSupport.h"
@@ -276,4 +277,27 @@ TEST(AString, IndexOutOfRangeReadsNulAndWritesNowhere) {
     s.put_at(1, 'B');
     EXPECT_EQ(bytes(s), "aBc");
     EXPECT_EQ(bytes('<' + s + ">" + AString("!")), "<aBc>!");
+}
+
+// String blocks are recycled per thread: blocks made on one thread and freed on another, and freed on a
+// thread whose own cache is already gone, must each be freed once (the sanitizer builds check it).
+TEST(AString, StringsMadeOnOneThreadDieOnAnother) {
+    std::vector<AString> made;
+    std::thread maker([&made] {
+        for (int i = 0; i < 500; ++i) made.push_back(AString(static_cast<unsigned int>(i % 300), 'm'));
+    });
+    maker.join();
+    std::thread taker([&made] {
+        std::vector<AString> mine;
+        mine.swap(made);
+        for (int i = 0; i < 500; ++i) ASSERT_EQ(mine[i].length(), static_cast<unsigned int>(i % 300));
+        // Constructed empty before this thread's first block, so it is destroyed after the block cache.
+        static thread_local struct Late {
+            AString text;
+        } late;
+        late.text = "freed after the thread's block cache is gone";
+        EXPECT_GT(late.text.length(), 0u);
+    });
+    taker.join();
+    EXPECT_TRUE(made.empty());
 }
