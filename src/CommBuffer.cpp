@@ -81,6 +81,33 @@ unsigned int encode_signed(long long v, unsigned char* out) {
     return n;
 }
 
+// Decodes one integer from the `left` bytes at p when it ends within them (and within 11 bytes: longer
+// ones, legal but never written by this library, take the general reader); the bytes taken, or 0.
+unsigned int decode_bounded(bool is_signed, unsigned char const* p, std::size_t left, unsigned long long& out) {
+    if (left > 11) left = 11;
+    unsigned int n = 0;
+    unsigned long long v = 0;
+    unsigned int shift = 0;
+    bool negative = false;
+    if (is_signed) {
+        if (left < 2) return 0;
+        negative = (p[0] & 0x80) != 0;
+        v = p[0] & 0x7F;
+        shift = 7;
+        n = 1;
+    }
+    while (n < left) {
+        unsigned char b = p[n++];
+        if (shift < 64) v |= static_cast<unsigned long long>(b & 0x7F) << shift;
+        shift += 7;
+        if (b & 0x80) {
+            out = negative ? 0ull - v : v;
+            return n;
+        }
+    }
+    return 0;
+}
+
 }  // namespace
 
 // --- pages --------------------------------------------------------------------------------------------
@@ -317,6 +344,15 @@ bool settle(CommBuffer::Pos& pos, CommBuffer::Page const* first) {
     return pos.page && pos.offset < pos.page->used;
 }
 
+// Decodes one integer lying whole in the settled position's page, advancing past it; 0 when it does not
+// lie there (then the caller goes byte by byte across pages).
+unsigned int decode_in_page(bool is_signed, CommBuffer::Pos& pos, unsigned long long& out) {
+    unsigned char const* p = pos.page->data() + pos.offset;
+    unsigned int n = decode_bounded(is_signed, p, pos.page->used - pos.offset, out);
+    pos.offset += n;
+    return n;
+}
+
 }  // namespace
 
 bool CommBuffer::next_byte_(unsigned char& byte) const {
@@ -404,9 +440,122 @@ long CommBuffer::write_signed_(long long value) {
     return write_byte(bytes, encode_signed(value, bytes));
 }
 
+namespace {
+
+// Encodes values into [p, limit + 12) while p <= limit (12 bytes hold the longest form); the count encoded,
+// p left after the last one. Small numbers, the common case in lists, take one branch and no loop.
+template <bool Signed>
+unsigned int encode_run(unsigned char*& p, unsigned char const* limit, unsigned long long const* values,
+                        unsigned int n) {
+    unsigned int i = 0;
+    for (; i < n && p <= limit; ++i) {
+        unsigned long long v = values[i];
+        if constexpr (Signed) {
+            auto s = static_cast<long long>(v);
+            if (s > -0x80 && s < 0x80) {
+                p[0] = static_cast<unsigned char>(s < 0 ? (0x80 | -s) : s);
+                p[1] = 0x80;
+                p += 2;
+            } else {
+                p += encode_signed(s, p);
+            }
+        } else {
+            if (v < 0x80) {
+                *p++ = static_cast<unsigned char>(v | 0x80);
+            } else {
+                p += encode_unsigned(v, p);
+            }
+        }
+    }
+    return i;
+}
+
+}  // namespace
+
+long CommBuffer::write_integers_(bool is_signed, unsigned long long const* values, unsigned int n) {
+    long total = 0;
+    unsigned int i = 0;
+    while (i < n) {
+        if (!last_ || last_->capacity - last_->used < 12) {
+            total += is_signed ? write_signed_(static_cast<long long>(values[i])) : write_unsigned_(values[i]);
+            ++i;
+            continue;
+        }
+        unsigned char* start = last_->data() + last_->used;
+        unsigned char* p = start;
+        unsigned char const* limit = last_->data() + last_->capacity - 12;
+        i += is_signed ? encode_run<true>(p, limit, values + i, n - i) : encode_run<false>(p, limit, values + i, n - i);
+        auto written = static_cast<unsigned int>(p - start);
+        last_->used += written;
+        size_ += written;
+        total += written;
+    }
+    return total;
+}
+
+namespace {
+
+// Decodes whole integers from [p, end) into values until n are done or the next one does not end within
+// the bytes (or within 11 bytes); the count decoded, p left after the last one. The loop is compiled once
+// per signedness: in a run of small numbers the decoding itself is the cost.
+template <bool Signed>
+unsigned int decode_run(unsigned char const*& p, unsigned char const* end, unsigned long long* values,
+                        unsigned int n) {
+    unsigned int done = 0;
+    while (done < n) {
+        // Small numbers first: one byte unsigned, two bytes signed.
+        if constexpr (Signed) {
+            if (end - p >= 2 && p[1] == 0x80) {
+                unsigned long long v = p[0] & 0x7F;
+                values[done++] = (p[0] & 0x80) ? 0ull - v : v;
+                p += 2;
+                continue;
+            }
+        } else {
+            if (end - p >= 1 && (p[0] & 0x80)) {
+                values[done++] = p[0] & 0x7F;
+                p += 1;
+                continue;
+            }
+        }
+        unsigned int k = decode_bounded(Signed, p, static_cast<std::size_t>(end - p), values[done]);
+        if (k == 0) break;
+        p += k;
+        ++done;
+    }
+    return done;
+}
+
+}  // namespace
+
+unsigned int CommBuffer::read_integers_(bool is_signed, unsigned long long* values, unsigned int n) const {
+    unsigned int done = 0;
+    while (done < n && settle(pos_, first_)) {
+        Page const* page = pos_.page;
+        unsigned char const* p = page->data() + pos_.offset;
+        unsigned char const* end = page->data() + page->used;
+        done += is_signed ? decode_run<true>(p, end, values + done, n - done)
+                          : decode_run<false>(p, end, values + done, n - done);
+        pos_.offset = static_cast<unsigned int>(p - page->data());
+        if (done == n) break;
+        // A value that crosses into the next page (or runs on too long): the general reader.
+        unsigned int taken;
+        if (is_signed) {
+            long long v;
+            taken = read_signed_(v);
+            values[done] = static_cast<unsigned long long>(v);
+        } else {
+            taken = read_unsigned_(values[done]);
+        }
+        if (taken == 0) break;
+        ++done;
+    }
+    return done;
+}
+
 unsigned int CommBuffer::read_unsigned_(unsigned long long& value) const {
     if (settle(pos_, first_)) {
-        if (unsigned int n = decode_here_(false, value)) return n;  // the whole value lies in this page
+        if (unsigned int n = decode_in_page(false, pos_, value)) return n;
     }
     unsigned long long v = 0;
     unsigned int shift = 0;
@@ -425,7 +574,7 @@ unsigned int CommBuffer::read_unsigned_(unsigned long long& value) const {
 unsigned int CommBuffer::read_signed_(long long& value) const {
     if (settle(pos_, first_)) {
         unsigned long long v;
-        if (unsigned int n = decode_here_(true, v)) {  // the whole value lies in this page
+        if (unsigned int n = decode_in_page(true, pos_, v)) {
             value = static_cast<long long>(v);
             return n;
         }

@@ -418,6 +418,46 @@ TEST(CommBuffer, ValueFormsHaveTheirExactBytes) {
     EXPECT_EQ(logged(out, "CommBuffer::read: corrupted! (invalid length 1, 0 bytes left)"), 1);
 }
 
+// Lists of numbers are encoded and decoded in runs; the bytes must be exactly those of the values written
+// one at a time, and values must survive being cut by page ends at every offset.
+TEST(CommBuffer, IntegerListsEncodeLikeSingleValuesAndSurvivePageEnds) {
+    std::vector<long long> const edges{0, 1, -1, 63, -63, 64, 127, -127, 128, -128, 200, -200, 16383, -16384,
+                                       0x7FFFFFFF, -0x7FFFFFFFLL - 1, std::numeric_limits<long long>::max(),
+                                       std::numeric_limits<long long>::min() + 1};
+    ListInt ints;
+    ListLong longs;
+    ArrayInt array;
+    for (int round = 0; round < 10; ++round) {
+        for (long long v : edges) {
+            ints.push_back(static_cast<int>(v));
+            longs.push_back(v);
+            array.push_back(static_cast<int>(v) ^ round);
+        }
+    }
+    for (unsigned int page_size = 22; page_size < 40; ++page_size) {
+        CommBuffer runs(page_size), singles(page_size);
+        long const run_bytes = runs.write(ints) + runs.write(longs) + runs.write(array);
+        long single_bytes = 0;
+        singles.write(ints.size());
+        for (int v : ints) single_bytes += singles.write(v);
+        singles.write(longs.size());
+        for (long long v : longs) single_bytes += singles.write(v);
+        singles.write(array.size());
+        for (int v : array) single_bytes += singles.write(v);
+        EXPECT_EQ(run_bytes, single_bytes);
+        ASSERT_EQ(values(runs), values(singles)) << page_size;
+        ListInt ints_back{7};
+        ListLong longs_back;
+        ArrayInt array_back;
+        EXPECT_GE(runs.read(ints_back), 0);
+        EXPECT_GE(runs.read(longs_back), 0);
+        EXPECT_GE(runs.read(array_back), 0);
+        EXPECT_EQ(ints_back, ints) << page_size;
+        EXPECT_EQ(longs_back, longs) << page_size;
+        EXPECT_EQ(array_back, array) << page_size;
+    }
+}
+
 TEST(CommBuffer, ListsCountTheirElementsBytesOnly) {
     ListInt const ints{1, -1};
     ListAString const texts{"a", ""};

@@ -116,6 +116,26 @@ TEST(List, ReservedNodesComeFromOneBlockThatAMovedListKeepsWithItsReleasedNodes)
     EXPECT_EQ(b.back(), 8);
 }
 
+TEST(List, AppendLinksARunAfterTheElementsAndThroughReleasedNodes) {
+    List<int> l{1, 2, 3};
+    l.erase(l.begin());  // a released node comes first in the pool
+    int const run[] = {4, 5, 6, 7, 8, 9, 10};
+    l.append(run, 7);
+    l.append(run, 0);
+    EXPECT_EQ(l.size(), 9u);
+    EXPECT_EQ(forwards(l), (std::vector<int>{2, 3, 4, 5, 6, 7, 8, 9, 10}));
+    EXPECT_EQ(backwards(l), (std::vector<int>{10, 9, 8, 7, 6, 5, 4, 3, 2}));
+    List<AString> texts;
+    AString const words[] = {"a", "bb"};
+    texts.append(words, 2);
+    texts.push_back("c");
+    EXPECT_EQ(forwards(texts), (std::vector<AString>{"a", "bb", "c"}));
+    Array<int> array;
+    array.push_back(1);
+    array.append(run, 7);
+    EXPECT_EQ(std::vector<int>(array.begin(), array.end()), (std::vector<int>{1, 4, 5, 6, 7, 8, 9, 10}));
+}
+
 TEST(List, SpliceMovesEveryElementAndLeavesTheOtherEmptyAndUsable) {
     ASSERT_EQ(Tracked::live, 0);
     {

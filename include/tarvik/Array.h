@@ -122,6 +122,13 @@ public:
         ++size_;
         return *where;
     }
+    // Appends copies of the n values at `values`, in order.
+    // REQUIRES: `values` does not point into this array.
+    void append(T const* values, unsigned int n) {
+        if (size_ + n > capacity_) grow_(size_ + n, ops_, false);
+        for (unsigned int i = 0; i < n; ++i) A::constructor(data() + size_ + i, values + i);
+        size_ += n;
+    }
     // Appends a value-initialised element and returns it.
     T& emplace_back() {
         if (size_ == capacity_) grow_(size_ + 1, ops_, false);

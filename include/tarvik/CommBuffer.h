@@ -260,37 +260,12 @@ private:
     unsigned int read_signed_(long long& value) const;
     long write_unsigned_(unsigned long long value);
     long write_signed_(long long value);
-    // Decodes one integer lying whole in the current page, inline (the common case of a list of numbers);
-    // 0 when it does not (then the general reader goes byte by byte across pages).
-    unsigned int decode_here_(bool is_signed, unsigned long long& out) const {
-        Page const* page = pos_.page;
-        if (pos_.rewind_pending || !page || pos_.offset >= page->used) return 0;
-        unsigned char const* p = page->data() + pos_.offset;
-        unsigned int left = page->used - pos_.offset;
-        if (left > 11) left = 11;
-        unsigned int n = 0;
-        unsigned long long v = 0;
-        unsigned int shift = 0;
-        bool negative = false;
-        if (is_signed) {
-            if (left < 2) return 0;
-            negative = (p[0] & 0x80) != 0;
-            v = p[0] & 0x7F;
-            shift = 7;
-            n = 1;
-        }
-        while (n < left) {
-            unsigned char b = p[n++];
-            if (shift < 64) v |= static_cast<unsigned long long>(b & 0x7F) << shift;
-            shift += 7;
-            if (b & 0x80) {
-                out = negative ? 0ull - v : v;
-                pos_.offset += n;
-                return n;
-            }
-        }
-        return 0;
-    }
+    // Runs of integers for lists and arrays: encoded after the last page's bytes (new pages as they fill;
+    // the bytes written) and decoded from the read position (the count decoded, fewer only when the bytes
+    // run out). Signed values travel as their two's-complement bits.
+    static constexpr unsigned int kIntegerRun = 64;
+    long write_integers_(bool is_signed, unsigned long long const* values, unsigned int n);
+    unsigned int read_integers_(bool is_signed, unsigned long long* values, unsigned int n) const;
     // Reads n bytes into dest; false (nothing promised about dest) when fewer remain.
     bool read_exact_(void* dest, unsigned int n) const;
     // The dictionary position of a name (from 1), or 0.
@@ -302,9 +277,22 @@ private:
     long write_items_(C const& items, unsigned int count) {
         write_unsigned_(count);
         long total = 0;
+        using Item = std::decay_t<decltype(*items.begin())>;
+        if constexpr (std::is_integral_v<Item> && !std::is_same_v<Item, bool>) {
+            unsigned long long run[kIntegerRun];
+            unsigned int n = 0;
+            for (Item item : items) {
+                run[n++] = static_cast<unsigned long long>(item);
+                if (n == kIntegerRun) {
+                    total += write_integers_(std::is_signed_v<Item>, run, n);
+                    n = 0;
+                }
+            }
+            return total + write_integers_(std::is_signed_v<Item>, run, n);
+        }
         for (auto const& item : items) {
             // A StringBuffer on its own is written as bare bytes; inside a list it needs its length.
-            if constexpr (std::is_same_v<std::decay_t<decltype(item)>, StringBuffer>) {
+            if constexpr (std::is_same_v<Item, StringBuffer>) {
                 total += write_counted(item);
             } else {
                 total += write(item);
@@ -324,24 +312,19 @@ private:
         long total = 0;
         using Item = std::decay_t<decltype(add())>;
         if constexpr (std::is_integral_v<Item> && !std::is_same_v<Item, bool>) {
-            // Integers in bulk, decoded straight from the pages (their reads count no bytes).
-            for (unsigned long long i = 0; i < count; ++i) {
-                unsigned long long bits;
-                unsigned int taken = decode_here_(std::is_signed_v<Item>, bits);
-                if (taken == 0) {
-                    if constexpr (std::is_signed_v<Item>) {
-                        long long v;
-                        taken = read_signed_(v);
-                        bits = static_cast<unsigned long long>(v);
-                    } else {
-                        taken = read_unsigned_(bits);
-                    }
-                }
-                if (taken == 0) {
+            // Integers in runs, decoded straight from the pages (their reads count no bytes).
+            unsigned long long run[kIntegerRun];
+            for (unsigned long long i = 0; i < count;) {
+                unsigned int want = count - i < kIntegerRun ? static_cast<unsigned int>(count - i) : kIntegerRun;
+                unsigned int got = read_integers_(std::is_signed_v<Item>, run, want);
+                Item converted[kIntegerRun];
+                for (unsigned int k = 0; k < got; ++k) converted[k] = static_cast<Item>(run[k]);
+                items.append(converted, got);
+                i += got;
+                if (got < want) {
                     total = refuse_length_(count, 0);
                     break;
                 }
-                add() = static_cast<Item>(bits);
             }
             leave_();
             return total;
