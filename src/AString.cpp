@@ -43,8 +43,10 @@ struct AStringBlocks {
     static void reallocate(RawAString*& raw, unsigned int n) {
         if (n <= raw->capacity) return;
         RawAString* fresh = allocate(n);
-        std::memcpy(fresh->chars(), raw->chars(), raw->length + 1);
-        fresh->length = raw->length;
+        if (raw->length != 0) {  // a fresh block already holds the empty string
+            std::memcpy(fresh->chars(), raw->chars(), raw->length + 1);
+            fresh->length = raw->length;
+        }
         release(raw);
         raw = fresh;
     }

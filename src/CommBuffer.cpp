@@ -420,7 +420,7 @@ unsigned int CommBuffer::bytes_since(Pos const& before) const {
 // Integers are encoded straight into the last page when it has room for the longest form (11 bytes).
 long CommBuffer::write_unsigned_(unsigned long long value) {
     if (last_ && last_->capacity - last_->used >= 12) {
-        unsigned int n = encode_unsigned(value, last_->data() + last_->used);
+        unsigned int n = encode_item_(value, last_->data() + last_->used);
         last_->used += n;
         size_ += n;
         return n;
@@ -431,7 +431,7 @@ long CommBuffer::write_unsigned_(unsigned long long value) {
 
 long CommBuffer::write_signed_(long long value) {
     if (last_ && last_->capacity - last_->used >= 12) {
-        unsigned int n = encode_signed(value, last_->data() + last_->used);
+        unsigned int n = encode_item_(value, last_->data() + last_->used);
         last_->used += n;
         size_ += n;
         return n;
@@ -440,118 +440,11 @@ long CommBuffer::write_signed_(long long value) {
     return write_byte(bytes, encode_signed(value, bytes));
 }
 
-namespace {
+unsigned int CommBuffer::encode_signed_(long long v, unsigned char* out) { return encode_signed(v, out); }
 
-// Encodes values into [p, limit + 12) while p <= limit (12 bytes hold the longest form); the count encoded,
-// p left after the last one. Small numbers, the common case in lists, take one branch and no loop.
-template <bool Signed>
-unsigned int encode_run(unsigned char*& p, unsigned char const* limit, unsigned long long const* values,
-                        unsigned int n) {
-    unsigned int i = 0;
-    for (; i < n && p <= limit; ++i) {
-        unsigned long long v = values[i];
-        if constexpr (Signed) {
-            auto s = static_cast<long long>(v);
-            if (s > -0x80 && s < 0x80) {
-                p[0] = static_cast<unsigned char>(s < 0 ? (0x80 | -s) : s);
-                p[1] = 0x80;
-                p += 2;
-            } else {
-                p += encode_signed(s, p);
-            }
-        } else {
-            if (v < 0x80) {
-                *p++ = static_cast<unsigned char>(v | 0x80);
-            } else {
-                p += encode_unsigned(v, p);
-            }
-        }
-    }
-    return i;
-}
+unsigned int CommBuffer::encode_unsigned_(unsigned long long v, unsigned char* out) { return encode_unsigned(v, out); }
 
-}  // namespace
-
-long CommBuffer::write_integers_(bool is_signed, unsigned long long const* values, unsigned int n) {
-    long total = 0;
-    unsigned int i = 0;
-    while (i < n) {
-        if (!last_ || last_->capacity - last_->used < 12) {
-            total += is_signed ? write_signed_(static_cast<long long>(values[i])) : write_unsigned_(values[i]);
-            ++i;
-            continue;
-        }
-        unsigned char* start = last_->data() + last_->used;
-        unsigned char* p = start;
-        unsigned char const* limit = last_->data() + last_->capacity - 12;
-        i += is_signed ? encode_run<true>(p, limit, values + i, n - i) : encode_run<false>(p, limit, values + i, n - i);
-        auto written = static_cast<unsigned int>(p - start);
-        last_->used += written;
-        size_ += written;
-        total += written;
-    }
-    return total;
-}
-
-namespace {
-
-// Decodes whole integers from [p, end) into values until n are done or the next one does not end within
-// the bytes (or within 11 bytes); the count decoded, p left after the last one. The loop is compiled once
-// per signedness: in a run of small numbers the decoding itself is the cost.
-template <bool Signed>
-unsigned int decode_run(unsigned char const*& p, unsigned char const* end, unsigned long long* values,
-                        unsigned int n) {
-    unsigned int done = 0;
-    while (done < n) {
-        // Small numbers first: one byte unsigned, two bytes signed.
-        if constexpr (Signed) {
-            if (end - p >= 2 && p[1] == 0x80) {
-                unsigned long long v = p[0] & 0x7F;
-                values[done++] = (p[0] & 0x80) ? 0ull - v : v;
-                p += 2;
-                continue;
-            }
-        } else {
-            if (end - p >= 1 && (p[0] & 0x80)) {
-                values[done++] = p[0] & 0x7F;
-                p += 1;
-                continue;
-            }
-        }
-        unsigned int k = decode_bounded(Signed, p, static_cast<std::size_t>(end - p), values[done]);
-        if (k == 0) break;
-        p += k;
-        ++done;
-    }
-    return done;
-}
-
-}  // namespace
-
-unsigned int CommBuffer::read_integers_(bool is_signed, unsigned long long* values, unsigned int n) const {
-    unsigned int done = 0;
-    while (done < n && settle(pos_, first_)) {
-        Page const* page = pos_.page;
-        unsigned char const* p = page->data() + pos_.offset;
-        unsigned char const* end = page->data() + page->used;
-        done += is_signed ? decode_run<true>(p, end, values + done, n - done)
-                          : decode_run<false>(p, end, values + done, n - done);
-        pos_.offset = static_cast<unsigned int>(p - page->data());
-        if (done == n) break;
-        // A value that crosses into the next page (or runs on too long): the general reader.
-        unsigned int taken;
-        if (is_signed) {
-            long long v;
-            taken = read_signed_(v);
-            values[done] = static_cast<unsigned long long>(v);
-        } else {
-            taken = read_unsigned_(values[done]);
-        }
-        if (taken == 0) break;
-        ++done;
-    }
-    return done;
-}
+bool CommBuffer::settle_() const { return settle(pos_, first_); }
 
 unsigned int CommBuffer::read_unsigned_(unsigned long long& value) const {
     if (settle(pos_, first_)) {
@@ -573,6 +466,14 @@ unsigned int CommBuffer::read_unsigned_(unsigned long long& value) const {
 
 unsigned int CommBuffer::read_signed_(long long& value) const {
     if (settle(pos_, first_)) {
+        unsigned char const* p = pos_.page->data() + pos_.offset;
+        if (pos_.page->used - pos_.offset >= 2 && p[1] == 0x80) {
+            // A small number (type codes, dictionary positions): sign and 7 bits, then the end mark.
+            auto magnitude = static_cast<long long>(p[0] & 0x7F);
+            value = (p[0] & 0x80) ? -magnitude : magnitude;
+            pos_.offset += 2;
+            return 2;
+        }
         unsigned long long v;
         if (unsigned int n = decode_in_page(true, pos_, v)) {
             value = static_cast<long long>(v);
@@ -747,6 +648,12 @@ long CommBuffer::write(AString const& v) {
 long CommBuffer::read(AString& v) const {
     unsigned long long length = 0;
     unsigned int n = read_unsigned_(length);
+    if (length != 0 && settle(pos_, first_) && pos_.page->used - pos_.offset >= length) {
+        // The whole text lies in this page: one copy from there.
+        v.assign(reinterpret_cast<char const*>(pos_.page->data() + pos_.offset), static_cast<unsigned int>(length));
+        pos_.offset += static_cast<unsigned int>(length);
+        return n + static_cast<long>(length);
+    }
     if (!remains(length)) return refuse_length_(length, remaining());
     v.clear();
     if (length == 0) return n;
@@ -813,8 +720,10 @@ unsigned int CommBuffer::find_name_(SymbolEntry const* entry) const {
         unsigned int const* pos = name_index_->find(entry);
         return pos ? *pos : 0;
     }
-    for (unsigned int i = 0; i < dictionary_.size(); ++i)
-        if (dictionary_[i] == entry) return i + 1;
+    SymbolEntry const* const* names = dictionary_.data();
+    unsigned int const count = dictionary_.size();
+    for (unsigned int i = 0; i < count; ++i)
+        if (names[i] == entry) return i + 1;
     return 0;
 }
 
@@ -868,22 +777,18 @@ long CommBuffer::read(Symbol& v) const {
         return -1;
     }
     auto length = static_cast<unsigned int>(n);
-    Pos at = pos_;
-    Symbol name;
-    if (settle(at, first_) && at.page->used - at.offset >= length) {
+    if (settle(pos_, first_) && pos_.page->used - pos_.offset >= length) {
         // The whole name lies in this page: intern it from there, without a copy.
-        name = Symbol(reinterpret_cast<char const*>(at.page->data() + at.offset), length);
-        at.offset += length;
-        pos_ = at;
+        v = Symbol(reinterpret_cast<char const*>(pos_.page->data() + pos_.offset), length);
+        pos_.offset += length;
     } else {
         AString text;
         char* dest = text.set_buffer(length);
         read_exact_(dest, length);
         text.size(length);
-        name = Symbol(text);
+        v = Symbol(text);
     }
-    if (!find_name_(name.get_entry())) add_name_(name.get_entry());
-    v = name;
+    if (!find_name_(v.get_entry())) add_name_(v.get_entry());
     return consumed + length;
 }
 

@@ -513,14 +513,15 @@ long Tuple::read(CommBuffer const& in) {
     clear();
     class_name_ = class_name;
     Value* last = nullptr;
+    Symbol name;
     for (;;) {
         int type = 0;
         in.read(type);
         if (type == T_END) break;
-        Symbol name;
         long r = in.read(name);
         if (r < 0) {
-            TVK_LOG(LEVEL_ERR, "READ INVALID ATT IN COMM BUFFER type=%0 r=%1 att=%2") << type << r << name;
+            // A failed read leaves no name: the record shows the empty one.
+            TVK_LOG(LEVEL_ERR, "READ INVALID ATT IN COMM BUFFER type=%0 r=%1 att=%2") << type << r << Symbol();
             total = -1;
             break;
         }

@@ -260,12 +260,117 @@ private:
     unsigned int read_signed_(long long& value) const;
     long write_unsigned_(unsigned long long value);
     long write_signed_(long long value);
-    // Runs of integers for lists and arrays: encoded after the last page's bytes (new pages as they fill;
-    // the bytes written) and decoded from the read position (the count decoded, fewer only when the bytes
-    // run out). Signed values travel as their two's-complement bits.
-    static constexpr unsigned int kIntegerRun = 64;
-    long write_integers_(bool is_signed, unsigned long long const* values, unsigned int n);
-    unsigned int read_integers_(bool is_signed, unsigned long long* values, unsigned int n) const;
+    // --- runs of integers (lists and arrays of numbers) ---------------------------------------------
+    // The elements are encoded straight into the last page and decoded straight from the read page, with
+    // local cursors; small numbers (one byte unsigned, two bytes signed) take one branch. A value that
+    // does not fit the page's free space, or that crosses a page end, goes through the general code.
+    // Signed values travel as their two's-complement bits.
+    static unsigned int encode_signed_(long long v, unsigned char* out);
+    static unsigned int encode_unsigned_(unsigned long long v, unsigned char* out);
+    // The read position settled on a page with bytes left (after a pending rewind or at a page end);
+    // false at the end of the buffer.
+    bool settle_() const;
+    template <class Item>
+    static unsigned int encode_item_(Item v, unsigned char* out) {
+        if constexpr (std::is_signed_v<Item>) {
+            if (v > -0x80 && v < 0x80) {
+                out[0] = static_cast<unsigned char>(v < 0 ? (0x80 | -v) : v);
+                out[1] = 0x80;
+                return 2;
+            }
+            return encode_signed_(static_cast<long long>(v), out);
+        } else {
+            if (v < 0x80) {
+                out[0] = static_cast<unsigned char>(v | 0x80);
+                return 1;
+            }
+            return encode_unsigned_(static_cast<unsigned long long>(v), out);
+        }
+    }
+    template <class C>
+    long write_integer_items_(C const& items) {
+        using Item = std::decay_t<decltype(*items.begin())>;
+        long total = 0;
+        unsigned char* start = nullptr;
+        unsigned char* p = nullptr;
+        unsigned char const* limit = nullptr;  // 12 bytes (more than the longest form) before the page end
+        auto open = [&] {
+            start = p = nullptr;
+            if (last_ && last_->capacity - last_->used >= 12) {
+                start = p = last_->data() + last_->used;
+                limit = last_->data() + last_->capacity - 12;
+            }
+        };
+        auto close = [&] {
+            auto written = static_cast<unsigned int>(p - start);
+            if (start) {
+                last_->used += written;
+                size_ += written;
+                total += written;
+            }
+        };
+        open();
+        for (Item item : items) {
+            if (p && p <= limit) {
+                p += encode_item_(item, p);
+            } else {
+                close();
+                total += write(item);
+                open();
+            }
+        }
+        close();
+        return total;
+    }
+    template <class C, class Item = typename C::value_type>
+    long read_integer_items_(C& items, unsigned long long count) const {
+        constexpr unsigned int kRun = 64;
+        Item run[kRun];
+        unsigned int held = 0;
+        unsigned long long done = 0;
+        while (done < count && settle_()) {
+            unsigned char const* base = pos_.page->data();
+            unsigned char const* p = base + pos_.offset;
+            unsigned char const* end = base + pos_.page->used;
+            for (; done < count; ++done) {
+                if constexpr (std::is_signed_v<Item>) {
+                    if (end - p < 2 || p[1] != 0x80) break;
+                    auto magnitude = static_cast<unsigned long long>(p[0] & 0x7F);
+                    run[held++] = static_cast<Item>((p[0] & 0x80) ? 0ull - magnitude : magnitude);
+                    p += 2;
+                } else {
+                    if (p == end || !(p[0] & 0x80)) break;
+                    run[held++] = static_cast<Item>(p[0] & 0x7F);
+                    p += 1;
+                }
+                if (held == kRun) {
+                    items.append(run, held);
+                    held = 0;
+                }
+            }
+            pos_.offset = static_cast<unsigned int>(p - base);
+            if (done == count) break;
+            // A larger number, or one that crosses into the next page: the general reader.
+            unsigned long long bits;
+            unsigned int taken;
+            if constexpr (std::is_signed_v<Item>) {
+                long long v;
+                taken = read_signed_(v);
+                bits = static_cast<unsigned long long>(v);
+            } else {
+                taken = read_unsigned_(bits);
+            }
+            if (taken == 0) break;
+            run[held++] = static_cast<Item>(bits);
+            ++done;
+            if (held == kRun) {
+                items.append(run, held);
+                held = 0;
+            }
+        }
+        items.append(run, held);
+        return done == count ? 0 : refuse_length_(count, 0);
+    }
     // Reads n bytes into dest; false (nothing promised about dest) when fewer remain.
     bool read_exact_(void* dest, unsigned int n) const;
     // The dictionary position of a name (from 1), or 0.
@@ -279,26 +384,18 @@ private:
         long total = 0;
         using Item = std::decay_t<decltype(*items.begin())>;
         if constexpr (std::is_integral_v<Item> && !std::is_same_v<Item, bool>) {
-            unsigned long long run[kIntegerRun];
-            unsigned int n = 0;
-            for (Item item : items) {
-                run[n++] = static_cast<unsigned long long>(item);
-                if (n == kIntegerRun) {
-                    total += write_integers_(std::is_signed_v<Item>, run, n);
-                    n = 0;
+            return write_integer_items_(items);
+        } else {
+            for (auto const& item : items) {
+                // A StringBuffer on its own is written as bare bytes; inside a list it needs its length.
+                if constexpr (std::is_same_v<Item, StringBuffer>) {
+                    total += write_counted(item);
+                } else {
+                    total += write(item);
                 }
             }
-            return total + write_integers_(std::is_signed_v<Item>, run, n);
+            return total;
         }
-        for (auto const& item : items) {
-            // A StringBuffer on its own is written as bare bytes; inside a list it needs its length.
-            if constexpr (std::is_same_v<Item, StringBuffer>) {
-                total += write_counted(item);
-            } else {
-                total += write(item);
-            }
-        }
-        return total;
     }
     // Reads the count, refuses one that the bytes left cannot hold (each element takes a byte at least),
     // then each element.
@@ -313,19 +410,7 @@ private:
         using Item = std::decay_t<decltype(add())>;
         if constexpr (std::is_integral_v<Item> && !std::is_same_v<Item, bool>) {
             // Integers in runs, decoded straight from the pages (their reads count no bytes).
-            unsigned long long run[kIntegerRun];
-            for (unsigned long long i = 0; i < count;) {
-                unsigned int want = count - i < kIntegerRun ? static_cast<unsigned int>(count - i) : kIntegerRun;
-                unsigned int got = read_integers_(std::is_signed_v<Item>, run, want);
-                Item converted[kIntegerRun];
-                for (unsigned int k = 0; k < got; ++k) converted[k] = static_cast<Item>(run[k]);
-                items.append(converted, got);
-                i += got;
-                if (got < want) {
-                    total = refuse_length_(count, 0);
-                    break;
-                }
-            }
+            total = read_integer_items_(items, count);
             leave_();
             return total;
         }

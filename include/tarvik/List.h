@@ -15,6 +15,7 @@
 // Thread safety: a list is used by one thread at a time.
 #pragma once
 
+#include <cstddef>
 #include <initializer_list>
 #include <iterator>
 
@@ -205,7 +206,21 @@ public:
         if (n == 0) return;
         reserve(n);
         ListNodeBase* tail = head_.prev;
-        for (unsigned int i = 0; i < n; ++i) {
+        unsigned int i = 0;
+        if (!free_ && static_cast<std::size_t>(fresh_end_ - fresh_) >= std::size_t{n} * sizeof(Node)) {
+            // All from the fresh block: consecutive addresses, the pool's fields updated once.
+            char* at = fresh_;
+            for (; i < n; ++i, at += sizeof(Node)) {
+                auto* node = reinterpret_cast<ListNodeBase*>(at);
+                A::constructor(value_of_(node), values + i);
+                node->prev = tail;
+                tail->next = node;
+                tail = node;
+            }
+            fresh_ = at;
+            free_count_ -= n;
+        }
+        for (; i < n; ++i) {
             ListNodeBase* node = acquire_node_();
             A::constructor(value_of_(node), values + i);
             node->prev = tail;
