@@ -116,23 +116,32 @@ TEST(List, ReservedNodesComeFromOneBlockThatAMovedListKeepsWithItsReleasedNodes)
     EXPECT_EQ(b.back(), 8);
 }
 
-TEST(List, AppendLinksARunAfterTheElementsAndThroughReleasedNodes) {
+TEST(List, AppendFromLinksElementsMadeInPlaceUntilTheFillerStops) {
+    int next = 4;
+    auto up_to_ten = [&next](int& out) { return next <= 10 ? (out = next++, true) : false; };
     List<int> l{1, 2, 3};
     l.erase(l.begin());  // a released node comes first in the pool
-    int const run[] = {4, 5, 6, 7, 8, 9, 10};
-    l.append(run, 7);
-    l.append(run, 0);
+    EXPECT_EQ(l.append_from(3, up_to_ten), 3u);
+    EXPECT_EQ(l.append_from(100, up_to_ten), 4u);  // from a fresh block, stopped early
+    EXPECT_EQ(l.append_from(5, up_to_ten), 0u);
     EXPECT_EQ(l.size(), 9u);
     EXPECT_EQ(forwards(l), (std::vector<int>{2, 3, 4, 5, 6, 7, 8, 9, 10}));
     EXPECT_EQ(backwards(l), (std::vector<int>{10, 9, 8, 7, 6, 5, 4, 3, 2}));
-    List<AString> texts;
-    AString const words[] = {"a", "bb"};
-    texts.append(words, 2);
-    texts.push_back("c");
-    EXPECT_EQ(forwards(texts), (std::vector<AString>{"a", "bb", "c"}));
+    l.push_back(11);  // the nodes the filler did not take are still in the pool
+    EXPECT_EQ(l.back(), 11);
+    ASSERT_EQ(Tracked::live, 0);
+    {
+        List<Tracked> tracked;
+        int made = 0;
+        tracked.append_from(3, [&made](Tracked& t) { return ++made < 3 ? (t.value = made, true) : false; });
+        EXPECT_EQ(values(tracked), (std::vector<int>{1, 2}));
+        EXPECT_EQ(Tracked::live, 2);  // the refused element was destroyed again
+    }
+    EXPECT_EQ(Tracked::live, 0);
     Array<int> array;
     array.push_back(1);
-    array.append(run, 7);
+    next = 4;
+    EXPECT_EQ(array.append_from(10, up_to_ten), 7u);
     EXPECT_EQ(std::vector<int>(array.begin(), array.end()), (std::vector<int>{1, 4, 5, 6, 7, 8, 9, 10}));
 }
 

@@ -122,12 +122,22 @@ public:
         ++size_;
         return *where;
     }
-    // Appends copies of the n values at `values`, in order.
-    // REQUIRES: `values` does not point into this array.
-    void append(T const* values, unsigned int n) {
+    // Appends up to n elements made in place: each is value-initialised, then `fill(T&)` gives it its value
+    // or returns false to stop (that element is dropped again). Returns the number appended.
+    template <class Fill>
+    unsigned int append_from(unsigned int n, Fill&& fill) {
         if (size_ + n > capacity_) grow_(size_ + n, ops_, false);
-        for (unsigned int i = 0; i < n; ++i) A::constructor(data() + size_ + i, values + i);
-        size_ += n;
+        unsigned int i = 0;
+        for (; i < n; ++i) {
+            T* where = data() + size_;
+            A::constructor(where, nullptr);
+            if (!fill(*where)) {
+                A::destructor(where);
+                break;
+            }
+            ++size_;
+        }
+        return i;
     }
     // Appends a value-initialised element and returns it.
     T& emplace_back() {

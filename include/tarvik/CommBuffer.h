@@ -324,30 +324,24 @@ private:
     }
     template <class C, class Item = typename C::value_type>
     long read_integer_items_(C& items, unsigned long long count) const {
-        constexpr unsigned int kRun = 64;
-        Item run[kRun];
-        unsigned int held = 0;
         unsigned long long done = 0;
         while (done < count && settle_()) {
             unsigned char const* base = pos_.page->data();
             unsigned char const* p = base + pos_.offset;
             unsigned char const* end = base + pos_.page->used;
-            for (; done < count; ++done) {
+            done += items.append_from(static_cast<unsigned int>(count - done), [&p, end](Item& out) {
                 if constexpr (std::is_signed_v<Item>) {
-                    if (end - p < 2 || p[1] != 0x80) break;
+                    if (end - p < 2 || p[1] != 0x80) return false;
                     auto magnitude = static_cast<unsigned long long>(p[0] & 0x7F);
-                    run[held++] = static_cast<Item>((p[0] & 0x80) ? 0ull - magnitude : magnitude);
+                    out = static_cast<Item>((p[0] & 0x80) ? 0ull - magnitude : magnitude);
                     p += 2;
                 } else {
-                    if (p == end || !(p[0] & 0x80)) break;
-                    run[held++] = static_cast<Item>(p[0] & 0x7F);
+                    if (p == end || !(p[0] & 0x80)) return false;
+                    out = static_cast<Item>(p[0] & 0x7F);
                     p += 1;
                 }
-                if (held == kRun) {
-                    items.append(run, held);
-                    held = 0;
-                }
-            }
+                return true;
+            });
             pos_.offset = static_cast<unsigned int>(p - base);
             if (done == count) break;
             // A larger number, or one that crosses into the next page: the general reader.
@@ -361,14 +355,9 @@ private:
                 taken = read_unsigned_(bits);
             }
             if (taken == 0) break;
-            run[held++] = static_cast<Item>(bits);
+            items.push_back(static_cast<Item>(bits));
             ++done;
-            if (held == kRun) {
-                items.append(run, held);
-                held = 0;
-            }
         }
-        items.append(run, held);
         return done == count ? 0 : refuse_length_(count, 0);
     }
     // Reads n bytes into dest; false (nothing promised about dest) when fewer remain.

@@ -199,37 +199,48 @@ public:
     T& push_back(T const& v) { return *value_of_(make_before_(&head_, &v)); }
     T& push_front(T const& v) { return *value_of_(make_before_(head_.next, &v)); }
     T& emplace_back() { return *value_of_(make_before_(&head_, nullptr)); }
-    // Appends copies of the n values at `values`, in order (a run of decoded numbers, say): one pool
-    // reservation and one pass that links the nodes from locals.
-    // REQUIRES: `values` does not point into this list.
-    void append(T const* values, unsigned int n) {
-        if (n == 0) return;
+    // Appends up to n elements made in place: each is value-initialised, then `fill(T&)` gives it its value
+    // or returns false to stop (that element is dropped again). Returns the number appended. Decoders
+    // produce elements straight into the list this way: one pool reservation, and nodes taken from a fresh
+    // block in address order with the pool's fields updated once.
+    template <class Fill>
+    unsigned int append_from(unsigned int n, Fill&& fill) {
         reserve(n);
         ListNodeBase* tail = head_.prev;
         unsigned int i = 0;
         if (!free_ && static_cast<std::size_t>(fresh_end_ - fresh_) >= std::size_t{n} * sizeof(Node)) {
-            // All from the fresh block: consecutive addresses, the pool's fields updated once.
             char* at = fresh_;
             for (; i < n; ++i, at += sizeof(Node)) {
                 auto* node = reinterpret_cast<ListNodeBase*>(at);
-                A::constructor(value_of_(node), values + i);
+                A::constructor(value_of_(node), nullptr);
+                if (!fill(*value_of_(node))) {
+                    A::destructor(value_of_(node));
+                    break;
+                }
                 node->prev = tail;
                 tail->next = node;
                 tail = node;
             }
             fresh_ = at;
-            free_count_ -= n;
-        }
-        for (; i < n; ++i) {
-            ListNodeBase* node = acquire_node_();
-            A::constructor(value_of_(node), values + i);
-            node->prev = tail;
-            tail->next = node;
-            tail = node;
+            free_count_ -= i;
+        } else {
+            for (; i < n; ++i) {
+                ListNodeBase* node = acquire_node_();
+                A::constructor(value_of_(node), nullptr);
+                if (!fill(*value_of_(node))) {
+                    A::destructor(value_of_(node));
+                    release_node_(node);
+                    break;
+                }
+                node->prev = tail;
+                tail->next = node;
+                tail = node;
+            }
         }
         tail->next = &head_;
         head_.prev = tail;
-        size_ += n;
+        size_ += i;
+        return i;
     }
     T& emplace_front() { return *value_of_(make_before_(head_.next, nullptr)); }
     // Inserts a copy of v before pos; returns the new element's position.
