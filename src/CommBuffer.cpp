@@ -81,6 +81,22 @@ unsigned int encode_signed(long long v, unsigned char* out) {
     return n;
 }
 
+// memcpy for the short runs that names and small texts are, without a call: two overlapping moves of a
+// fixed size cover any length up to twice that size.
+void copy_bytes(unsigned char* to, unsigned char const* from, unsigned int n) {
+    if (n >= 8 && n <= 16) {
+        std::memcpy(to, from, 8);
+        std::memcpy(to + n - 8, from + n - 8, 8);
+    } else if (n >= 4 && n < 8) {
+        std::memcpy(to, from, 4);
+        std::memcpy(to + n - 4, from + n - 4, 4);
+    } else if (n < 4) {
+        for (unsigned int i = 0; i < n; ++i) to[i] = from[i];
+    } else {
+        std::memcpy(to, from, n);
+    }
+}
+
 // Decodes one integer from the `left` bytes at p when it ends within them (and within 11 bytes: longer
 // ones, legal but never written by this library, take the general reader); the bytes taken, or 0.
 unsigned int decode_bounded(bool is_signed, unsigned char const* p, std::size_t left, unsigned long long& out) {
@@ -282,7 +298,7 @@ void CommBuffer::update_headers() {
 unsigned int CommBuffer::write_byte(unsigned char const* bytes, unsigned int n) {
     if (n == 0) return 0;  // an empty blob has no content at all: nothing to copy from
     if (last_ && last_->capacity - last_->used >= n) {  // fits in the last page: the common case
-        std::memcpy(last_->data() + last_->used, bytes, n);
+        copy_bytes(last_->data() + last_->used, bytes, n);
         last_->used += n;
         size_ += n;
         return n;

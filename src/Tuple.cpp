@@ -166,15 +166,15 @@ void const* Tuple::empty_of_(Types kind) {
 
 // --- linking --------------------------------------------------------------------------------------------
 
-void Tuple::insert_(Value* value, Value* hint, AString const* name_text) {
+void Tuple::insert_(Value* value, Value* hint, AString const* name_text, AString const* hint_text) {
     unsigned int num = value->get_symbol_num();
     AString const& name = name_text ? *name_text : Symbol(num).get_name();  // looked up once for the walk
-    auto before = [&](Value const* standing) {
+    auto before = [&](Value const* standing, AString const* text = nullptr) {
         unsigned int n = standing->get_symbol_num();
-        return n != num && compare_names(Symbol(n).get_name(), name) < 0;
+        return n != num && compare_names(text ? *text : Symbol(n).get_name(), name) < 0;
     };
     Value** link = &first_;
-    if (hint && before(hint)) link = &hint->next_;
+    if (hint && before(hint, hint_text)) link = &hint->next_;
     while (*link && before(*link)) link = &(*link)->next_;
     if (*link && (*link)->get_symbol_num() == num) {
         TVK_LOG(LEVEL_ERR, "ALLREADY ATT n=%0 t=%1 r=%2")
@@ -242,13 +242,17 @@ Tuple::Value* Tuple::set_value(Value const* value) {
 Tuple::Value* Tuple::add_value(Symbol const& name, Types kind, Value* hint) {
     if (name_refused(name)) return nullptr;
     TypeManager const* manager = manager_of(kind);
-    if (!manager) return nullptr;
+    return manager ? add_value_(name, manager, hint, nullptr) : nullptr;
+}
+
+Tuple::Value* Tuple::add_value_(Symbol const& name, TypeManager const* manager, Value* hint,
+                                AString const* hint_text) {
     // The payload is constructed at once, so the storage needs no zero-filling.
     auto* fresh = new (memory::allocate_small(sizeof(Value) + manager->get_size())) Value();
-    fresh->set_type(kind);
+    fresh->set_type(manager->get_type());
     fresh->set_symbol(name);
     manager->construct(fresh->place_(), nullptr);
-    insert_(fresh, hint, &name.get_name());
+    insert_(fresh, hint, &name.get_name(), hint_text);
     return fresh;
 }
 
@@ -513,6 +517,7 @@ long Tuple::read(CommBuffer const& in) {
     clear();
     class_name_ = class_name;
     Value* last = nullptr;
+    AString const* last_name = nullptr;  // the text of last's name (interned names never move)
     Symbol name;
     for (;;) {
         int type = 0;
@@ -531,12 +536,13 @@ long Tuple::read(CommBuffer const& in) {
             total = -1;
             break;
         }
-        Value* value = add_value(name, manager->get_type(), last);
-        if (!value) {
+        if (name_refused(name)) {
             total = -1;
             break;
         }
+        Value* value = add_value_(name, manager, last, last_name);
         last = value;
+        last_name = &name.get_name();
         long n = manager->read(in, value->get_pvalue());
         if (n < 0) {
             total = n;

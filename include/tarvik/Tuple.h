@@ -437,7 +437,12 @@ private:
     // Links a value in name order, searching from `hint` when the hint's name sorts before the value's
     // (decoders pass the value they linked last, so names that arrive in order cost one comparison).
     // `name_text`, when given, is the value's name (saves looking it up).
-    void insert_(Value* value, Value* hint = nullptr, AString const* name_text = nullptr);
+    // `hint_text`, when given, is the hint's name.
+    void insert_(Value* value, Value* hint = nullptr, AString const* name_text = nullptr,
+                 AString const* hint_text = nullptr);
+    // add_value for a name already checked, with the kind's manager already found (a decoder has both) and
+    // the hint's name when known.
+    Value* add_value_(Symbol const& name, TypeManager const* manager, Value* hint, AString const* hint_text);
     // Unlinks and frees the value that follows `prev` (the first value when prev is null).
     void remove_after_(Value* prev);
     // Copies in other's values of every name (all names, or those listed / not listed), each run of one name
