@@ -434,7 +434,8 @@ unsigned int CommBuffer::bytes_since(Pos const& before) const {
 // --- integers -----------------------------------------------------------------------------------------
 
 // Integers are encoded straight into the last page when it has room for the longest form (11 bytes).
-long CommBuffer::write_unsigned_(unsigned long long value) {
+template <class T>
+long CommBuffer::write_number_(T value) {
     if (last_ && last_->capacity - last_->used >= 12) {
         unsigned int n = encode_item_(value, last_->data() + last_->used);
         last_->used += n;
@@ -442,19 +443,12 @@ long CommBuffer::write_unsigned_(unsigned long long value) {
         return n;
     }
     unsigned char bytes[12];
-    return write_byte(bytes, encode_unsigned(value, bytes));
+    return write_byte(bytes, encode_item_(value, bytes));
 }
 
-long CommBuffer::write_signed_(long long value) {
-    if (last_ && last_->capacity - last_->used >= 12) {
-        unsigned int n = encode_item_(value, last_->data() + last_->used);
-        last_->used += n;
-        size_ += n;
-        return n;
-    }
-    unsigned char bytes[12];
-    return write_byte(bytes, encode_signed(value, bytes));
-}
+long CommBuffer::write_unsigned_(unsigned long long value) { return write_number_(value); }
+
+long CommBuffer::write_signed_(long long value) { return write_number_(value); }
 
 unsigned int CommBuffer::encode_signed_(long long v, unsigned char* out) { return encode_signed(v, out); }
 

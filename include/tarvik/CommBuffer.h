@@ -260,6 +260,8 @@ private:
     unsigned int read_signed_(long long& value) const;
     long write_unsigned_(unsigned long long value);
     long write_signed_(long long value);
+    template <class T>
+    long write_number_(T value);
     // --- runs of integers (lists and arrays of numbers) ---------------------------------------------
     // The elements are encoded straight into the last page and decoded straight from the read page, with
     // local cursors; small numbers (one byte unsigned, two bytes signed) take one branch. A value that
