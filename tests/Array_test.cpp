@@ -5,25 +5,14 @@
 #include <string>
 #include <vector>
 
+#include "TestSupport.h"
 #include "tarvik/AString.h"
 
 using tarvik::Array;
 using tarvik::AString;
+using tarvik::test::Tracked;
 
 namespace {
-
-// Counts live objects; the AString member puts every element on the heap for the sanitizer build.
-struct Tracked {
-    static inline int live = 0;
-    int value = -1;
-    AString text;
-    Tracked() { ++live; }
-    explicit Tracked(int v) : value(v), text(std::to_string(v).c_str()) { ++live; }
-    Tracked(Tracked const& o) : value(o.value), text(o.text) { ++live; }
-    Tracked(Tracked&& o) noexcept : value(o.value), text(static_cast<AString&&>(o.text)) { ++live; }
-    Tracked& operator=(Tracked const&) = default;
-    ~Tracked() { --live; }
-};
 
 struct Unordered {
     int x;

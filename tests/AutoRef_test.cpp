@@ -2,17 +2,19 @@
 
 #include <gtest/gtest.h>
 
-#include <latch>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "TestSupport.h"
 
 using tarvik::AutoRef;
 using tarvik::AutoRefBase;
 using tarvik::IAutoRef;
 using tarvik::RefFactory;
 using tarvik::RefObject;
+using tarvik::test::run_together;
 
 namespace {
 
@@ -222,23 +224,17 @@ TEST(AutoRef, ConcurrentReferencesEndAtTheRightCounts) {
     auto* p = new Probe("p", nullptr);
     AutoRef<Probe> owner(p);
     IAutoRef<Probe> interface_owner(p);
-    std::latch start(kThreads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            start.arrive_and_wait();
-            for (int k = 0; k < kRounds; ++k) {
-                AutoRef<Probe> a(owner);
-                AutoRef<Probe> b;
-                b = a;
-                if ((k + t) % 3 == 0) {
-                    IAutoRef<Probe> i(b);
-                    IAutoRef<Probe> j(i);
-                }
+    run_together(kThreads, [&](int t) {
+        for (int k = 0; k < kRounds; ++k) {
+            AutoRef<Probe> a(owner);
+            AutoRef<Probe> b;
+            b = a;
+            if ((k + t) % 3 == 0) {
+                IAutoRef<Probe> i(b);
+                IAutoRef<Probe> j(i);
             }
-        });
-    }
-    for (std::thread& th : threads) th.join();
+        }
+    });
     EXPECT_EQ(p->get_count(), 2);
     EXPECT_EQ(p->get_nested_count(), 1);
 }

@@ -2,12 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <latch>
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
+
 using tarvik::CriticalSection;
 using tarvik::CriticalSectionHolder;
+using tarvik::test::run_together;
 
 namespace {
 
@@ -49,27 +51,21 @@ TEST(CriticalSection, ExcludesOtherThreadsUnderContention) {
     constexpr int kRounds = 4000;
     CriticalSection cs;
     long counter = 0;  // plain: only the section guards it
-    std::latch start(kThreads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            start.arrive_and_wait();
-            for (int k = 0; k < kRounds; ++k) {
-                if ((k + t) % 4 == 0) {
-                    while (!cs.try_enter()) std::this_thread::yield();
-                } else {
-                    cs.enter();
-                }
-                long seen = counter;
-                std::this_thread::yield();
-                {
-                    CriticalSectionHolder again(cs);  // recursive entry inside the section
-                    counter = seen + 1;
-                }
-                cs.leave();
+    run_together(kThreads, [&](int t) {
+        for (int k = 0; k < kRounds; ++k) {
+            if ((k + t) % 4 == 0) {
+                while (!cs.try_enter()) std::this_thread::yield();
+            } else {
+                cs.enter();
             }
-        });
-    }
-    for (std::thread& th : threads) th.join();
+            long seen = counter;
+            std::this_thread::yield();
+            {
+                CriticalSectionHolder again(cs);  // recursive entry inside the section
+                counter = seen + 1;
+            }
+            cs.leave();
+        }
+    });
     EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
 }

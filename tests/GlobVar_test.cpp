@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <latch>
 #include <memory>
 #include <string>
 #include <thread>
@@ -21,6 +20,7 @@ using tarvik::GlobVarInt;
 using tarvik::GlobVarLog;
 using tarvik::Symbol;
 using tarvik::SymbolList;
+using tarvik::test::run_together;
 
 namespace {
 
@@ -170,20 +170,14 @@ TEST(GlobVar, ConcurrentBindingAndReleaseKeepTheRegistryConsistent) {
     constexpr int kRounds = 2000;
     Symbol m("T.GV.THREADS");
     auto held = std::make_unique<GlobVarInt>(m, "SHARED", 1);
-    std::latch start(kThreads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            start.arrive_and_wait();
-            std::string own = "OWN" + std::to_string(t);
-            for (int k = 0; k < kRounds; ++k) {
-                GlobVarInt shared(m, "SHARED");
-                GlobVarBool mine(m, own.c_str(), true);
-                GlobVarInt::set(m, "SHARED", k);
-            }
-        });
-    }
-    for (std::thread& th : threads) th.join();
+    run_together(kThreads, [&](int t) {
+        std::string own = "OWN" + std::to_string(t);
+        for (int k = 0; k < kRounds; ++k) {
+            GlobVarInt shared(m, "SHARED");
+            GlobVarBool mine(m, own.c_str(), true);
+            GlobVarInt::set(m, "SHARED", k);
+        }
+    });
 
     SymbolList ints, bools;
     EXPECT_EQ(GlobVarInt::get_names(m, ints), 1);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "TestSupport.h"
 #include "tarvik/AString.h"
 #include "tarvik/Array.h"
 #include "tarvik/Symbol.h"
@@ -14,21 +15,9 @@ using tarvik::Array;
 using tarvik::AString;
 using tarvik::List;
 using tarvik::Symbol;
+using tarvik::test::Tracked;
 
 namespace {
-
-// Counts live objects, so that every construction is matched by exactly one destruction.
-struct Tracked {
-    static inline int live = 0;
-    int value = -1;
-    AString text;
-    Tracked() { ++live; }
-    explicit Tracked(int v) : value(v), text(std::to_string(v).c_str()) { ++live; }
-    Tracked(Tracked const& o) : value(o.value), text(o.text) { ++live; }
-    Tracked(Tracked&& o) noexcept : value(o.value), text(static_cast<AString&&>(o.text)) { ++live; }
-    Tracked& operator=(Tracked const&) = default;
-    ~Tracked() { --live; }
-};
 
 // Ordered by key only, so that sorting shows whether equal keys keep their order.
 struct Keyed {

@@ -28,6 +28,7 @@
 using namespace tarvik;
 using tarvik::test::StdoutCapture;
 using tarvik::test::TempDir;
+using tarvik::test::run_together;
 
 namespace {
 
@@ -333,15 +334,9 @@ TEST(FileHook, ManyThreadsLogEachRecordOnceAndNoLineIsTorn) {
     FileLogHook file(dir.path().c_str());
     file.activate(true);
     StdoutCapture capture;
-    std::latch start(kThreads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t, &start] {
-            start.arrive_and_wait();
-            for (int i = 0; i < kRecords; ++i) Log("WORKER %0 RECORD %1", LEVEL_LOG, "TVK", "TEST", 1) << t << i;
-        });
-    }
-    for (auto& th : threads) th.join();
+    run_together(kThreads, [&](int t) {
+        for (int i = 0; i < kRecords; ++i) Log("WORKER %0 RECORD %1", LEVEL_LOG, "TVK", "TEST", 1) << t << i;
+    });
     file.activate(false);
 
     std::regex const shape("[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}\tLOG\\|TVK\\|TEST\\|1\\|[0-9a-f]+\\|\\|"

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -19,6 +18,7 @@ using tarvik::Event;
 using tarvik::Mutex;
 using tarvik::TimePeriod;
 using namespace std::chrono_literals;
+using tarvik::test::run_together;
 
 namespace {
 
@@ -94,28 +94,22 @@ TEST(Mutex, ExcludesOtherThreadsUnderContention) {
     Mutex m(unique_name("contention").c_str());
     ASSERT_TRUE(m.is_ok());
     long counter = 0;  // plain: only the mutex guards it
-    std::latch start(kThreads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            start.arrive_and_wait();
-            for (int k = 0; k < kRounds; ++k) {
-                if ((k + t) % 3 == 0) {
-                    while (!m.try_lock()) std::this_thread::yield();
-                } else if ((k + t) % 3 == 1) {
-                    while (!m.lock(ms(5))) {
-                    }
-                } else {
-                    m.lock();
+    run_together(kThreads, [&](int t) {
+        for (int k = 0; k < kRounds; ++k) {
+            if ((k + t) % 3 == 0) {
+                while (!m.try_lock()) std::this_thread::yield();
+            } else if ((k + t) % 3 == 1) {
+                while (!m.lock(ms(5))) {
                 }
-                long seen = counter;
-                std::this_thread::yield();
-                counter = seen + 1;
-                m.unlock();
+            } else {
+                m.lock();
             }
-        });
-    }
-    for (std::thread& th : threads) th.join();
+            long seen = counter;
+            std::this_thread::yield();
+            counter = seen + 1;
+            m.unlock();
+        }
+    });
     EXPECT_EQ(counter, static_cast<long>(kThreads) * kRounds);
 }
 

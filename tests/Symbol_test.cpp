@@ -3,18 +3,19 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <latch>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
 #include "tarvik/IOBStream.h"
 #include "tarvik/Log.h"
 
 using tarvik::AString;
 using tarvik::Symbol;
 using tarvik::SymbolEntry;
+using tarvik::test::run_together;
 
 namespace {
 
@@ -124,21 +125,15 @@ TEST(Symbol, ConcurrentInterningGivesOneDenseNumberPerDistinctName) {
     unsigned int const before = Symbol::count();
 
     std::vector<std::vector<SymbolEntry const*>> got(kThreads, std::vector<SymbolEntry const*>(kPerThread));
-    std::latch start(kThreads);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            start.arrive_and_wait();
-            for (int k = 0; k < kPerThread; ++k) {
-                int i = (t % 2) ? kPerThread - 1 - k : k;
-                std::string name = "conc." + std::to_string(t * kStride + i);
-                Symbol s(name.c_str());
-                // Looked up by number at once, racing with the others' interning.
-                got[t][i] = Symbol(s.get_num()) == s ? s.get_entry() : nullptr;
-            }
-        });
-    }
-    for (std::thread& th : threads) th.join();
+    run_together(kThreads, [&](int t) {
+        for (int k = 0; k < kPerThread; ++k) {
+            int i = (t % 2) ? kPerThread - 1 - k : k;
+            std::string name = "conc." + std::to_string(t * kStride + i);
+            Symbol s(name.c_str());
+            // Looked up by number at once, racing with the others' interning.
+            got[t][i] = Symbol(s.get_num()) == s ? s.get_entry() : nullptr;
+        }
+    });
 
     EXPECT_EQ(Symbol::count() - before, kDistinct);
 

@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <latch>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 #include "tarvik/IOBStream.h"
@@ -17,6 +19,18 @@
 extern char** environ;
 
 namespace tarvik::test {
+
+void run_together(int n, std::function<void(int)> const& body) {
+    std::latch start(n);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < n; ++t) {
+        threads.emplace_back([&start, &body, t] {
+            start.arrive_and_wait();
+            body(t);
+        });
+    }
+    for (std::thread& th : threads) th.join();
+}
 
 TempDir::TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "tarvik-test-XXXXXX").string();

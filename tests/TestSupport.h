@@ -1,7 +1,10 @@
 // TestSupport.h: what the tests share: scratch directories and the capture of printed log records.
 #pragma once
 
+#include <functional>
 #include <string>
+
+#include "tarvik/AString.h"
 
 namespace tarvik::test {
 
@@ -42,6 +45,24 @@ private:
     std::string text_;
     bool done_ = false;
 };
+
+// Counts live objects, so that every construction is matched by exactly one destruction; the AString
+// member puts every element on the heap for the sanitizer builds.
+struct Tracked {
+    static inline int live = 0;
+    int value = -1;
+    AString text;
+    Tracked() { ++live; }
+    explicit Tracked(int v) : value(v), text(std::to_string(v).c_str()) { ++live; }
+    Tracked(Tracked const& o) : value(o.value), text(o.text) { ++live; }
+    Tracked(Tracked&& o) noexcept : value(o.value), text(static_cast<AString&&>(o.text)) { ++live; }
+    Tracked& operator=(Tracked const&) = default;
+    ~Tracked() { --live; }
+};
+
+// Runs body(t) on n threads (t = 0 .. n-1), released together so that they contend from the start, and
+// waits for all of them.
+void run_together(int n, std::function<void(int)> const& body);
 
 // The whole content of a file ("" when it cannot be read).
 std::string read_file(std::string const& path);
