@@ -172,14 +172,28 @@ BENCHMARK(BM_RecordAsciiBufferWriteRead);
 
 // --- msgpack-c ------------------------------------------------------------------------------------------
 
+// The reference record packed into a fresh buffer (the caller destroys it).
+void pack_into(msgpack_sbuffer& sbuf) {
+    msgpack_sbuffer_init(&sbuf);
+    msgpack_packer pk;
+    msgpack_packer_init(&pk, &sbuf, msgpack_sbuffer_write);
+    pack_reference(pk);
+}
+
+// The packed record unpacked to its object tree and freed again.
+void unpack_once(msgpack_sbuffer const& sbuf) {
+    msgpack_unpacked result;
+    msgpack_unpacked_init(&result);
+    size_t offset = 0;
+    benchmark::DoNotOptimize(msgpack_unpack_next(&result, sbuf.data, sbuf.size, &offset));
+    msgpack_unpacked_destroy(&result);
+}
+
 void BM_MsgpackPack(benchmark::State& state) {
     size_t bytes = 0;
     for (auto _ : state) {
         msgpack_sbuffer sbuf;
-        msgpack_sbuffer_init(&sbuf);
-        msgpack_packer pk;
-        msgpack_packer_init(&pk, &sbuf, msgpack_sbuffer_write);
-        pack_reference(pk);
+        pack_into(sbuf);
         bytes = sbuf.size;
         benchmark::DoNotOptimize(sbuf.data);
         msgpack_sbuffer_destroy(&sbuf);
@@ -190,17 +204,8 @@ BENCHMARK(BM_MsgpackPack);
 
 void BM_MsgpackUnpack(benchmark::State& state) {
     msgpack_sbuffer sbuf;
-    msgpack_sbuffer_init(&sbuf);
-    msgpack_packer pk;
-    msgpack_packer_init(&pk, &sbuf, msgpack_sbuffer_write);
-    pack_reference(pk);
-    for (auto _ : state) {
-        msgpack_unpacked result;
-        msgpack_unpacked_init(&result);
-        size_t offset = 0;
-        benchmark::DoNotOptimize(msgpack_unpack_next(&result, sbuf.data, sbuf.size, &offset));
-        msgpack_unpacked_destroy(&result);
-    }
+    pack_into(sbuf);
+    for (auto _ : state) unpack_once(sbuf);
     msgpack_sbuffer_destroy(&sbuf);
 }
 BENCHMARK(BM_MsgpackUnpack);
@@ -208,15 +213,8 @@ BENCHMARK(BM_MsgpackUnpack);
 void BM_MsgpackPackUnpack(benchmark::State& state) {
     for (auto _ : state) {
         msgpack_sbuffer sbuf;
-        msgpack_sbuffer_init(&sbuf);
-        msgpack_packer pk;
-        msgpack_packer_init(&pk, &sbuf, msgpack_sbuffer_write);
-        pack_reference(pk);
-        msgpack_unpacked result;
-        msgpack_unpacked_init(&result);
-        size_t offset = 0;
-        benchmark::DoNotOptimize(msgpack_unpack_next(&result, sbuf.data, sbuf.size, &offset));
-        msgpack_unpacked_destroy(&result);
+        pack_into(sbuf);
+        unpack_once(sbuf);
         msgpack_sbuffer_destroy(&sbuf);
     }
 }

@@ -58,29 +58,6 @@ bool parse_header(unsigned char const* h, Header& out) {
 
 void log_invalid_header() { TVK_LOG(LEVEL_ERR, "CommBuffer::Page::update_from_header: INVALID HEADER!"); }
 
-unsigned int encode_unsigned(unsigned long long v, unsigned char* out) {
-    unsigned int n = 0;
-    while (v >= 0x80) {
-        out[n++] = static_cast<unsigned char>(v & 0x7F);
-        v >>= 7;
-    }
-    out[n++] = static_cast<unsigned char>(v | 0x80);
-    return n;
-}
-
-unsigned int encode_signed(long long v, unsigned char* out) {
-    unsigned long long magnitude = v < 0 ? 0ull - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
-    out[0] = static_cast<unsigned char>((magnitude & 0x7F) | (v < 0 ? 0x80 : 0));
-    magnitude >>= 7;
-    unsigned int n = 1;
-    while (magnitude >= 0x80) {
-        out[n++] = static_cast<unsigned char>(magnitude & 0x7F);
-        magnitude >>= 7;
-    }
-    out[n++] = static_cast<unsigned char>(magnitude | 0x80);
-    return n;
-}
-
 // memcpy for the short runs that names and small texts are, without a call: two overlapping moves of a
 // fixed size cover any length up to twice that size.
 void copy_bytes(unsigned char* to, unsigned char const* from, unsigned int n) {
@@ -450,9 +427,23 @@ long CommBuffer::write_unsigned_(unsigned long long value) { return write_number
 
 long CommBuffer::write_signed_(long long value) { return write_number_(value); }
 
-unsigned int CommBuffer::encode_signed_(long long v, unsigned char* out) { return encode_signed(v, out); }
+unsigned int CommBuffer::encode_unsigned_(unsigned long long v, unsigned char* out) {
+    unsigned int n = 0;
+    while (v >= 0x80) {
+        out[n++] = static_cast<unsigned char>(v & 0x7F);
+        v >>= 7;
+    }
+    out[n++] = static_cast<unsigned char>(v | 0x80);
+    return n;
+}
 
-unsigned int CommBuffer::encode_unsigned_(unsigned long long v, unsigned char* out) { return encode_unsigned(v, out); }
+// The sign and the magnitude's low 7 bits in the first byte, then the rest of the magnitude in the unsigned
+// form.
+unsigned int CommBuffer::encode_signed_(long long v, unsigned char* out) {
+    unsigned long long magnitude = v < 0 ? 0ull - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+    out[0] = static_cast<unsigned char>((magnitude & 0x7F) | (v < 0 ? 0x80 : 0));
+    return 1 + encode_unsigned_(magnitude >> 7, out + 1);
+}
 
 bool CommBuffer::settle_() const { return settle(pos_, first_); }
 
