@@ -513,9 +513,11 @@ long CommBuffer::write(unsigned int v) { return write_unsigned_(v); }
 long CommBuffer::write(unsigned long v) { return write_unsigned_(v); }
 long CommBuffer::write(unsigned long long v) { return write_unsigned_(v); }
 
+// Like the integer readers, a boolean read never fails: past the end the value stays as it was and
+// no byte is counted.
 long CommBuffer::read(bool& v) const {
     unsigned char b = 0;
-    if (!next_byte_(b)) return refuse_length_(1, 0);
+    if (!next_byte_(b)) return 0;
     v = b != 0;
     return 1;
 }

@@ -413,9 +413,48 @@ TEST(CommBuffer, ValueFormsHaveTheirExactBytes) {
     EXPECT_EQ(sizes, (std::vector<long>{1, 4, 8, 3, 5, 4, 3, 3, 4, 4}));
     EXPECT_TRUE(flag && f == 1.0f && d == -2.0 && a == "hi" && s == String(units));
     EXPECT_TRUE(bl == blob_of("\x01\x02\x03") && back == "xyz" && tp == period && td == date);
-    std::string out = printed([&] { sizes = {b.read(flag), b.read(f), b.read(d)}; });  // nothing left
-    EXPECT_EQ(sizes, std::vector<long>(3, -1));
-    EXPECT_EQ(logged(out, "CommBuffer::read: corrupted! (invalid length 1, 0 bytes left)"), 1);
+    // Nothing left: a boolean, like an integer, keeps its value and reports no failure.
+    std::string out = printed([&] { sizes = {b.read(flag), b.read(f), b.read(d)}; });
+    EXPECT_EQ(sizes, (std::vector<long>{0, -1, -1}));
+    EXPECT_TRUE(flag);
+    EXPECT_EQ(logged(out, "CommBuffer::read: corrupted! (invalid length 4, 0 bytes left)"), 1);
+    EXPECT_EQ(out.find("invalid length 1,"), std::string::npos) << out;
+}
+
+// The count fits the bytes left but the elements do not: integer reads never fail, so the missing
+// elements read as 0 (a value cut inside keeps what was read) and nothing is logged.
+TEST(CommBuffer, IntegerListCutShortReadsMissingElementsAsZero) {
+    auto read_as_text = [](auto items, std::string const& bytes, long& r) {
+        r = raw(unhex(bytes)).read(items);
+        std::string text;
+        for (auto v : items) text += (text.empty() ? "" : ",") + std::to_string(v);
+        return text;
+    };
+    struct Case {
+        char const* bytes;
+        char const* kind;
+        char const* values;
+    };
+    Case const cases[] = {
+        {"83 05 80 01", "int", "5,1,0"},
+        {"82 85 80", "long", "-5,0"},
+        {"83 81 02 03", "unsigned short", "1,386,0"},
+        {"84 05 80 06 80", "array int", "5,6,0,0"},
+    };
+    for (Case const& c : cases) {
+        long r = -2;
+        std::string got;
+        std::string out = printed([&] {
+            std::string const kind = c.kind;
+            if (kind == "int") got = read_as_text(ListInt{9}, c.bytes, r);
+            if (kind == "long") got = read_as_text(ListLong{}, c.bytes, r);
+            if (kind == "unsigned short") got = read_as_text(List<unsigned short>{}, c.bytes, r);
+            if (kind == "array int") got = read_as_text(ArrayInt{}, c.bytes, r);
+        });
+        EXPECT_EQ(r, 0) << c.kind;
+        EXPECT_EQ(got, c.values) << c.kind;
+        EXPECT_EQ(out, "") << c.kind;
+    }
 }
 
 // Lists of numbers are encoded and decoded in runs; the bytes must be exactly those of the values written

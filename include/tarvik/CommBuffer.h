@@ -17,7 +17,9 @@
 //                 bytes; bit 7 of the first byte is the sign, bit 7 of a later byte ends the value (0 is
 //                 00 80, 5 is 05 80, -5 is 85 80, 200 is 48 81, -1 is 81 80). Integer reads return 0
 //                 whatever happens: a value cut short by the end of the buffer keeps what was read.
-//   bool          one byte; float / double 4 / 8 bytes IEEE 754, little-endian
+//   bool          one byte; like an integer read, a boolean read past the end never fails: it keeps the
+//                 value and counts no byte. A list of integers cut short reads its missing elements as 0
+//   float, double 4 / 8 bytes IEEE 754, little-endian
 //   AString, Blob length (unsigned form) then the bytes; String: unit count then each unit (unsigned form)
 //   StringBuffer  written as its bytes only (a writer that wants it read back writes the length first);
 //                 read as length then bytes
@@ -360,7 +362,9 @@ private:
             items.push_back(static_cast<Item>(bits));
             ++done;
         }
-        return done == count ? 0 : refuse_length_(count, 0);
+        // Integer reads never fail: the elements the buffer no longer holds read as 0.
+        for (; done < count; ++done) items.push_back(Item{});
+        return 0;
     }
     // Reads n bytes into dest; false (nothing promised about dest) when fewer remain.
     bool read_exact_(void* dest, unsigned int n) const;
