@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <type_traits>
 
 #include "AStringImpl.h"
 #include "LogUnit.h"
@@ -506,7 +507,9 @@ namespace string_ops {
 namespace {
 
 // Matches one pattern element (not a star) at text character c. Advances *p past the element.
-bool element_matches(char const*& p, char c) {
+template <class C>
+bool element_matches(C const*& p, C c) {
+    using Unit = std::make_unsigned_t<C>;
     if (*p == '?') {
         ++p;
         return true;
@@ -516,22 +519,22 @@ bool element_matches(char const*& p, char c) {
         return *p++ == c;
     }
     if (*p == '[') {
-        char const* q = p + 1;
+        C const* q = p + 1;
         bool negate = *q == '!' || *q == '^';
         if (negate) ++q;
         bool found = false;
         bool first = true;
         while (*q && (first || *q != ']')) {
-            char lo = *q;
-            char hi = lo;
+            C lo = *q;
+            C hi = lo;
             if (q[1] == '-' && q[2] && q[2] != ']') {
                 hi = q[2];
                 q += 3;
             } else {
                 ++q;
             }
-            auto uc = static_cast<unsigned char>(c);
-            if (uc >= static_cast<unsigned char>(lo) && uc <= static_cast<unsigned char>(hi)) found = true;
+            auto uc = static_cast<Unit>(c);
+            if (uc >= static_cast<Unit>(lo) && uc <= static_cast<Unit>(hi)) found = true;
             first = false;
         }
         if (*q != ']') {  // no closing bracket: the '[' is an ordinary character
@@ -546,12 +549,13 @@ bool element_matches(char const*& p, char c) {
 
 }  // namespace
 
-bool glob_match(char const* pattern, char const* text, unsigned int tlen, unsigned int* cap_begin,
+template <class C>
+bool glob_match(C const* pattern, C const* text, unsigned int tlen, unsigned int* cap_begin,
                 unsigned int* cap_end, unsigned int max_caps) {
-    char const* p = pattern;
+    C const* p = pattern;
     unsigned int t = 0;
     unsigned int star_index = 0;  // captures opened so far
-    char const* resume_p = nullptr;
+    C const* resume_p = nullptr;
     unsigned int resume_t = 0;
     unsigned int resume_star = 0;
     for (;;) {
@@ -567,7 +571,7 @@ bool glob_match(char const* pattern, char const* text, unsigned int tlen, unsign
             continue;
         }
         if (t < tlen && *p) {
-            char const* q = p;
+            C const* q = p;
             if (element_matches(q, text[t])) {
                 p = q;
                 ++t;
@@ -585,6 +589,10 @@ bool glob_match(char const* pattern, char const* text, unsigned int tlen, unsign
         t = resume_t;
     }
 }
+
+template bool glob_match<char>(char const*, char const*, unsigned int, unsigned int*, unsigned int*, unsigned int);
+template bool glob_match<WChar>(WChar const*, WChar const*, unsigned int, unsigned int*, unsigned int*,
+                                unsigned int);
 
 }  // namespace string_ops
 

@@ -1,7 +1,10 @@
 #include "tarvik/String.h"
 
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
+#include <vector>
 
 #include "LogUnit.h"
 #include "Memory.h"
@@ -447,6 +450,55 @@ String& String::make_upper() {
 String& String::make_lower() {
     for (unsigned int i = 0; i < raw_->length; ++i) raw_->chars()[i] = string_ops::CharRules<WChar>::lower(raw_->chars()[i]);
     return *this;
+}
+
+bool String::eq(WChar a, WChar b) { return a == b; }
+bool String::ne(WChar a, WChar b) { return a != b; }
+bool String::lt(WChar a, WChar b) {
+    return string_ops::CharRules<WChar>::value(a) < string_ops::CharRules<WChar>::value(b);
+}
+bool String::ieq(WChar a, WChar b) {
+    return string_ops::CharRules<WChar>::upper(a) == string_ops::CharRules<WChar>::upper(b);
+}
+bool String::ine(WChar a, WChar b) { return !ieq(a, b); }
+bool String::ilt(WChar a, WChar b) {
+    return lt(string_ops::CharRules<WChar>::upper(a), string_ops::CharRules<WChar>::upper(b));
+}
+
+// --- formatting and matching --------------------------------------------------------------------------
+
+String& String::Format(wchar_t const* format, ...) {
+    // vswprintf cannot say how long its text would be: it fails when the room is short, so the room
+    // doubles until the text fits or passes the limit.
+    std::vector<wchar_t> room;
+    int n = -1;
+    for (std::size_t units = 128; format && n < 0 && units <= kMaxFormatted + 1; units *= 2) {
+        room.resize(units);
+        va_list args;
+        va_start(args, format);
+        n = std::vswprintf(room.data(), room.size(), format, args);
+        va_end(args);
+    }
+    if (n <= 0) {
+        clear();
+        return *this;
+    }
+    String formatted(room.data(), static_cast<unsigned int>(n));
+    assign(formatted);
+    return *this;
+}
+
+bool String::match(String const& pattern, String* out1, String* out2, String* out3, String* out4, String* out5,
+                   String* out6, String* out7, String* out8, String* out9) const {
+    constexpr unsigned int kCaptures = 9;
+    unsigned int begin[kCaptures] = {};
+    unsigned int end[kCaptures] = {};
+    if (!string_ops::glob_match(pattern.c_str(), c_str(), length(), begin, end, kCaptures)) return false;
+    String* outs[kCaptures] = {out1, out2, out3, out4, out5, out6, out7, out8, out9};
+    for (unsigned int i = 0; i < kCaptures; ++i) {
+        if (outs[i]) outs[i]->assign(c_str() + begin[i], end[i] - begin[i]);
+    }
+    return true;
 }
 
 String operator+(String const& a, String const& b) {

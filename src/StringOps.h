@@ -207,9 +207,11 @@ private:
     Policy policy_;
 };
 
-// Glob matching with captures, shared by AString::match. `cap_begin`/`cap_end` receive up to `max_caps`
-// capture ranges. Returns whether the whole text matched.
-bool glob_match(char const* pattern, char const* text, unsigned int tlen, unsigned int* cap_begin,
+// Glob matching with captures, shared by AString::match and String::match (C is char or WChar; a set's
+// ranges compare units as unsigned values). `cap_begin`/`cap_end` receive up to `max_caps` capture
+// ranges. Returns whether the whole text matched.
+template <class C>
+bool glob_match(C const* pattern, C const* text, unsigned int tlen, unsigned int* cap_begin,
                 unsigned int* cap_end, unsigned int max_caps);
 
 }  // namespace tarvik::string_ops

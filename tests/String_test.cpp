@@ -142,3 +142,40 @@ TEST(String, RangesAreClampedAndSelfEditsAreSafe) {
     EXPECT_EQ(s.Replace(u"HELLO", u"-", false), 2);
     EXPECT_EQ(units(s), u"h-elloh-ello");
 }
+
+TEST(String, MatchCapturesSixteenBitUnitsAndComparesSetRangesUnsigned) {
+    String a(u"keep"), b;
+    EXPECT_TRUE(String(u"k\u20ac=a,b,\u00e9").match(u"k?=*,*", &a, &b));
+    EXPECT_EQ(units(a), u"a");
+    EXPECT_EQ(units(b), u"b,\u00e9");
+    a = u"keep";
+    EXPECT_FALSE(String(u"key=a").match(u"key=*,*", &a, &b));  // outputs untouched
+    EXPECT_EQ(units(a), u"keep");
+    struct {
+        char16_t const* text;
+        char16_t const* pattern;
+        bool matches;
+    } const cases[] = {{u"\u00e9x", u"[\u00e0-\u00ff]x", true}, {u"ax", u"[\u00e0-\u00ff]x", false},
+                       {u"\uff00", u"[!a-z]", true},             {u"*\u20ac", u"\\*?", true},
+                       {u"\u20ac", u"\u00ac", false}};  // the low 8 bits alone do not match
+    for (auto const& c : cases) EXPECT_EQ(String(c.text).match(c.pattern), c.matches) << static_cast<int>(c.pattern[0]);
+}
+
+TEST(String, FormatWritesWideTextAndEmptiesOnFailure) {
+    String s(u"previous");
+    EXPECT_EQ(&s.Format(L"%ls=%04d %s", L"\u00e9\U0001F600", 7, "n"), &s);
+    EXPECT_EQ(units(s), u"\u00e9\U0001F600=0007 n");
+    std::wstring const longer(1000, L'w');
+    s.Format(L"<%ls>", longer.c_str());  // beyond the first room
+    EXPECT_EQ(s.length(), 1002u);
+    EXPECT_EQ(s[1001], u'>');
+    s.Format(nullptr);
+    EXPECT_TRUE(s.is_empty());
+}
+
+TEST(String, PerUnitTestsCompareUnsignedAndFoldCase) {
+    EXPECT_TRUE(String::lt(u'A', u'\u00e9'));  // 16-bit units are unsigned
+    EXPECT_FALSE(String::lt(u'\uff00', u'a'));
+    EXPECT_TRUE(String::ieq(u'a', u'A') && String::ine(u'a', u'b') && String::ne(u'a', u'A'));
+    EXPECT_TRUE(String::ilt(u'a', u'B') && !String::lt(u'a', u'B') && String::eq(u'x', u'x'));
+}

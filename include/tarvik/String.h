@@ -159,6 +159,13 @@ public:
     int icompare(WChar const* other) const;
     int CompareNoCase(String const& other) const { return icompare(other); }
     int CompareNoCase(WChar const* other) const { return icompare(other); }
+    // The per-unit tests of the comparisons: lt as unsigned 16-bit values, the i forms through towupper.
+    static bool eq(WChar a, WChar b);
+    static bool ne(WChar a, WChar b);
+    static bool lt(WChar a, WChar b);
+    static bool ieq(WChar a, WChar b);
+    static bool ine(WChar a, WChar b);
+    static bool ilt(WChar a, WChar b);
 
     unsigned int find(String const& s, unsigned int pos = 0) const;
     unsigned int find(WChar const* s, unsigned int pos = 0) const;
@@ -183,6 +190,19 @@ public:
     String& make_lower();
     String& MakeUpper() { return make_upper(); }
     String& MakeLower() { return make_lower(); }
+
+    // --- formatting and matching ------------------------------------------------------------------------
+    // Replaces the content by swprintf-style formatted wide text (wide arguments with %ls, which are
+    // wchar_t text, not a String's units: pass AString/narrow text with %s). Text longer than
+    // kMaxFormatted units, or an argument the C library cannot convert, leaves the string empty.
+    // Returns *this.
+    static constexpr unsigned int kMaxFormatted = 1u << 20;
+    String& Format(wchar_t const* format, ...);
+    // AString::match over 16-bit units: the same glob pattern (*, ?, [set], \c), whole-string match, up
+    // to nine captures, outputs written only on success.
+    bool match(String const& pattern, String* out1 = nullptr, String* out2 = nullptr, String* out3 = nullptr,
+               String* out4 = nullptr, String* out5 = nullptr, String* out6 = nullptr, String* out7 = nullptr,
+               String* out8 = nullptr, String* out9 = nullptr) const;
 
     // Writes the text as UTF-8 with & < > ' " escaped as entities and units below 32 other than white space
     // dropped. Returns 0.
