@@ -101,9 +101,15 @@ void* map(Handle* h, unsigned int size) {
     // A creator in another process may not have sized the area yet: wait for it briefly.
     struct stat st {};
     for (int i = 0; i < 1000 && ::fstat(h->fd, &st) == 0 && st.st_size == 0 && size > 0; ++i) ::usleep(1000);
+    // An existing area is opened whatever size it was made with, and the requested length is mapped: a
+    // smaller area grows to it (zero-filled) so that no byte of the view lies past the area's end.
+    // posix_fallocate only ever extends, so holders growing it at once never shrink it under another.
     if (static_cast<unsigned long long>(st.st_size) < size) {
-        errno = EINVAL;  // mapping beyond the area's end would fault on access
-        return nullptr;
+        int e = ::posix_fallocate(h->fd, 0, size);
+        if (e != 0) {
+            errno = e;
+            return nullptr;
+        }
     }
     void* view = ::mmap(nullptr, size ? size : 1, PROT_READ | PROT_WRITE, MAP_SHARED, h->fd, 0);
     return view == MAP_FAILED ? nullptr : view;

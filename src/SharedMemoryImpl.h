@@ -11,7 +11,7 @@ struct Handle;
 
 // Creates the area (`*created` true) or opens the existing one (`*created` false).
 Handle* open(char const* name, unsigned int size, bool* created);
-// Maps `size` bytes of the area for reading and writing.
+// Maps `size` bytes of the area for reading and writing, growing a smaller area to that size first.
 void* map(Handle* h, unsigned int size);
 bool unmap(void* view, unsigned int size);
 void close(Handle* h);

@@ -4,7 +4,8 @@
 // object of this one) already made it; created() tells which. A new area is zero-filled. The area is
 // readable and writable by every process of the machine (it is made with permissions 0666, whatever the
 // umask), and it lives until its last holder closes it. The size given is the length mapped: every party
-// must agree on it (transports pass it in their address); opening an existing area with a larger size fails.
+// must agree on it (transports pass it in their address). An existing area is opened whatever size it was
+// made with: a smaller size maps the area's start, a larger one grows the area (zero-filled) to that size.
 //
 // Records (module "TVK", unit "SHAREDMEMORY"): "CANNOT CREATE SHARE MEMORY %0 [%1]" and
 // "CANNOT MAP SHARED MEMORY %0 [%1]" at ERR with the name and the system error number; when the unit's log
