@@ -590,7 +590,8 @@ bool glob_match(C const* pattern, C const* text, unsigned int tlen, unsigned int
     }
 }
 
-template bool glob_match<char>(char const*, char const*, unsigned int, unsigned int*, unsigned int*, unsigned int);
+template bool glob_match<char>(char const*, char const*, unsigned int, unsigned int*, unsigned int*,
+                               unsigned int);
 template bool glob_match<WChar>(WChar const*, WChar const*, unsigned int, unsigned int*, unsigned int*,
                                 unsigned int);
 

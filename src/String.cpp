@@ -488,8 +488,8 @@ String& String::Format(wchar_t const* format, ...) {
     return *this;
 }
 
-bool String::match(String const& pattern, String* out1, String* out2, String* out3, String* out4, String* out5,
-                   String* out6, String* out7, String* out8, String* out9) const {
+bool String::match(String const& pattern, String* out1, String* out2, String* out3, String* out4,
+                   String* out5, String* out6, String* out7, String* out8, String* out9) const {
     constexpr unsigned int kCaptures = 9;
     unsigned int begin[kCaptures] = {};
     unsigned int end[kCaptures] = {};

@@ -120,7 +120,8 @@ TEST(SharedMemory, ExistingAreaOpensWhateverItsSizeAndAnEmptyNameFailsToCreate) 
     EXPECT_FALSE(larger.created());
     EXPECT_EQ(larger.get_size(), kSize * 2);
     EXPECT_STREQ(bytes(larger) + kSize - 4, "end");  // the same area, grown behind what it held
-    EXPECT_EQ(std::count(bytes(larger) + kSize, bytes(larger) + 2 * kSize, 0), static_cast<std::ptrdiff_t>(kSize));
+    EXPECT_EQ(std::count(bytes(larger) + kSize, bytes(larger) + 2 * kSize, 0),
+              static_cast<std::ptrdiff_t>(kSize));
     bytes(larger)[2 * kSize - 1] = 'z';
     SharedMemory again(name.c_str(), kSize * 2);
     EXPECT_EQ(bytes(again)[2 * kSize - 1], 'z');

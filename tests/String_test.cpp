@@ -158,7 +158,8 @@ TEST(String, MatchCapturesSixteenBitUnitsAndComparesSetRangesUnsigned) {
     } const cases[] = {{u"\u00e9x", u"[\u00e0-\u00ff]x", true}, {u"ax", u"[\u00e0-\u00ff]x", false},
                        {u"\uff00", u"[!a-z]", true},             {u"*\u20ac", u"\\*?", true},
                        {u"\u20ac", u"\u00ac", false}};  // the low 8 bits alone do not match
-    for (auto const& c : cases) EXPECT_EQ(String(c.text).match(c.pattern), c.matches) << static_cast<int>(c.pattern[0]);
+    for (auto const& c : cases)
+        EXPECT_EQ(String(c.text).match(c.pattern), c.matches) << static_cast<int>(c.pattern[0]);
 }
 
 TEST(String, FormatWritesWideTextAndEmptiesOnFailure) {
