@@ -391,6 +391,16 @@ int String::compare(unsigned int pos, unsigned int count, String const& other) c
     return string_ops::compare(c_str() + (pos > length() ? length() : pos), count, other.c_str(), other.length(),
                                false);
 }
+int String::compare(unsigned int pos, unsigned int count, WChar const* other) const {
+    static constexpr WChar kEmpty[1] = {0};
+    count = string_ops::clamp_range(length(), pos, count);
+    return string_ops::compare(c_str() + (pos > length() ? length() : pos), count, other ? other : kEmpty,
+                               units_in(other), false);
+}
+unsigned int String::validate_range(unsigned int pos, unsigned int& count) const {
+    count = string_ops::clamp_range(length(), pos, count);
+    return count;
+}
 int String::icompare(String const& other) const {
     return string_ops::compare(c_str(), length(), other.c_str(), other.length(), true);
 }

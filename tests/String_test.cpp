@@ -127,6 +127,18 @@ TEST(String, CompareAndSearchFollowTheSharedRules) {
     EXPECT_EQ(s.find(u'a', 6), npos);
     EXPECT_EQ(s.rfind(u'c', 6), npos);
     EXPECT_EQ(s.find_last_not_of(u"bc"), 3u);
+    // Ranges clamp as AString's do: a start beyond the end compares nothing, a long count stops at the end.
+    struct {
+        unsigned int pos, count, clamped;
+        char16_t const* other;
+        int compared;
+    } const ranges[] = {{1, 2, 2, u"bc", 0}, {4, npos, 2, u"bc", 0}, {7, 3, 0, u"", 0}, {3, 1, 1, u"abc", -2}};
+    for (auto const& r : ranges) {
+        unsigned int count = r.count;
+        EXPECT_EQ(s.validate_range(r.pos, count), r.clamped) << r.pos;
+        EXPECT_EQ(count, r.clamped) << r.pos;
+        EXPECT_EQ(s.compare(r.pos, r.count, r.other), r.compared) << r.pos;
+    }
 }
 
 TEST(String, RangesAreClampedAndSelfEditsAreSafe) {

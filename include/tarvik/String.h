@@ -76,6 +76,8 @@ public:
     String& operator=(char const* text);
 
     Allocator* get_allocator() const { return allocator_; }
+    // Clamps a range to this string, as AString::validate_range does; returns the clamped count.
+    unsigned int validate_range(unsigned int pos, unsigned int& count) const;
 
     // --- assign / append / insert / replace / erase -------------------------------------------------
     String& assign(String const& other);
@@ -155,6 +157,7 @@ public:
     int compare(String const& other) const;
     int compare(WChar const* other) const;
     int compare(unsigned int pos, unsigned int count, String const& other) const;
+    int compare(unsigned int pos, unsigned int count, WChar const* other) const;
     int icompare(String const& other) const;
     int icompare(WChar const* other) const;
     int CompareNoCase(String const& other) const { return icompare(other); }
