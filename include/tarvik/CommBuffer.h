@@ -56,6 +56,7 @@
 #include "tarvik/List.h"
 #include "tarvik/Path.h"
 #include "tarvik/Types.h"
+#include "tarvik/detail/PageChain.h"
 
 namespace tarvik {
 
@@ -98,7 +99,7 @@ public:
 
     class PageIterator {
     public:
-        explicit PageIterator(CommBuffer const& buffer) : at_(buffer.first_) {}
+        explicit PageIterator(CommBuffer const& buffer) : at_(buffer.pages_.first()) {}
         bool hasNext() const { return at_ != nullptr; }
         // The page, then advances.
         Page* next() {
@@ -136,8 +137,8 @@ public:
     void update_ascii_flags();
     // Rewrites every page's header from its fields.
     void update_headers();
-    Page* get_last() const { return last_; }
-    Page* get_first() const { return first_; }
+    Page* get_last() const { return pages_.last(); }
+    Page* get_first() const { return pages_.first(); }
 
     // --- raw bytes ----------------------------------------------------------------------------------
     // Copies n bytes into the last page, adding pages (with header room) as needed. Returns n.
@@ -298,15 +299,15 @@ private:
         unsigned char const* limit = nullptr;  // 12 bytes (more than the longest form) before the page end
         auto open = [&] {
             start = p = nullptr;
-            if (last_ && last_->capacity - last_->used >= 12) {
-                start = p = last_->data() + last_->used;
-                limit = last_->data() + last_->capacity - 12;
+            if (pages_.last() && pages_.last()->capacity - pages_.last()->used >= 12) {
+                start = p = pages_.last()->data() + pages_.last()->used;
+                limit = pages_.last()->data() + pages_.last()->capacity - 12;
             }
         };
         auto close = [&] {
             auto written = static_cast<unsigned int>(p - start);
             if (start) {
-                last_->used += written;
+                pages_.last()->used += written;
                 size_ += written;
                 total += written;
             }
@@ -430,8 +431,7 @@ private:
     mutable HMap<SymbolEntry const*, unsigned int>* name_index_ = nullptr;
     unsigned int page_size_;
     unsigned int size_ = 0;
-    Page* first_ = nullptr;
-    Page* last_ = nullptr;
+    detail::PageChain<Page> pages_;
     mutable Pos pos_;
     bool ascii_ = false;
     mutable int depth_ = 0;
