@@ -12,7 +12,7 @@
 //   AString DecodeFromUTF8  folds code points into bytes (a code point of 65536 or more becomes two)
 //   String DecodeFromUTF8   code points into 16-bit units (above U+FFFF: a surrogate pair)
 //   astring_impl (Linux)    the strict conversion between UTF-8 and wide text
-//   String::EncodeToUTF8    each 16-bit unit on its own, surrogates included (3 bytes each)
+//   String EncodeToUTF8     each 16-bit unit on its own, surrogates included (3 bytes each)
 //   XmlParser               character references
 #pragma once
 
