@@ -1,11 +1,8 @@
 // IniParser.cpp: IniParser, which reads INI text as sections and entries (see Parser.h).
 #include "tarvik/Parser.h"
 
-#include "LogUnit.h"
 #include "ParserInput.h"
 #include "tarvik/IOBStream.h"
-
-TARVIK_LOG_UNIT()
 
 namespace tarvik {
 
@@ -16,7 +13,7 @@ IniParser::IniParser(IBStream& in) : in_(in) {}
 IniParser::Event IniParser::fail_(char const* what, unsigned int column) {
     failed_ = true;
     error_ = what;
-    TVK_LOG(LEVEL_ERR, "INI: %0 AT LINE %1 COLUMN %2") << what << line_ << column;
+    parser_input::report_failure("INI", what, line_, column);
     return kError;
 }
 

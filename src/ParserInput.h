@@ -1,4 +1,4 @@
-// ParserInput.h: the character helpers the token, XML and INI parsers share.
+// ParserInput.h: the character helpers the token, XML and INI parsers share, and their one error record.
 #pragma once
 
 #include "tarvik/AString.h"
@@ -26,5 +26,9 @@ inline int get_counting(IBStream& in, unsigned int& line, unsigned int& column) 
     }
     return c;
 }
+
+// Writes the "ERR" record of a parse failure, "<kind>: <what> AT LINE <line> COLUMN <column>", under the
+// parsers' common log unit "PARSER" (src/Parser.cpp), whichever of the three parsers failed.
+void report_failure(char const* kind, char const* what, unsigned int line, unsigned int column);
 
 }  // namespace tarvik::parser_input

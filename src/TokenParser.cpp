@@ -5,11 +5,8 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "LogUnit.h"
 #include "ParserInput.h"
 #include "tarvik/IOBStream.h"
-
-TARVIK_LOG_UNIT()
 
 namespace tarvik {
 
@@ -23,7 +20,7 @@ int TokenParser::get_() { return parser_input::get_counting(in_, line_, column_)
 TokenParser::Kind TokenParser::fail_(char const* what) {
     if (kind_ != kError) {
         error_ = what;
-        TVK_LOG(LEVEL_ERR, "TOKEN: %0 AT LINE %1 COLUMN %2") << what << line_ << column_;
+        parser_input::report_failure("TOKEN", what, line_, column_);
     }
     return kind_ = kError;
 }

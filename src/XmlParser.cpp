@@ -1,12 +1,9 @@
 // XmlParser.cpp: XmlParser, the pull parser of XML text (see Parser.h).
 #include "tarvik/Parser.h"
 
-#include "LogUnit.h"
 #include "ParserInput.h"
 #include "Utf8.h"
 #include "tarvik/IOBStream.h"
-
-TARVIK_LOG_UNIT()
 
 namespace tarvik {
 
@@ -33,7 +30,7 @@ XmlParser::Event XmlParser::fail(char const* what) {
     if (!failed_) {
         failed_ = true;
         error_ = what;
-        TVK_LOG(LEVEL_ERR, "XML: %0 AT LINE %1 COLUMN %2") << what << line_ << column_;
+        parser_input::report_failure("XML", what, line_, column_);
     }
     return kError;
 }
