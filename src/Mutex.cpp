@@ -36,17 +36,17 @@ bool Mutex::open(char const* name) {
     return handle_ != nullptr;
 }
 
-bool Mutex::lock() TARVIK_NO_THREAD_SAFETY_ANALYSIS { return handle_ && mutex_impl::lock(handle_, -1) > 0; }
+bool Mutex::lock() { return handle_ && mutex_impl::lock(handle_, -1) > 0; }
 
-bool Mutex::lock(TimePeriod const& timeout) TARVIK_NO_THREAD_SAFETY_ANALYSIS {
+bool Mutex::lock(TimePeriod const& timeout) {
     if (!handle_) return false;
     std::int64_t ms = timeout.to_milliseconds();
     return mutex_impl::lock(handle_, ms < 0 ? 0 : static_cast<long>(ms)) > 0;
 }
 
-bool Mutex::try_lock() TARVIK_NO_THREAD_SAFETY_ANALYSIS { return handle_ && mutex_impl::try_lock(handle_); }
+bool Mutex::try_lock() { return handle_ && mutex_impl::try_lock(handle_); }
 
-void Mutex::unlock() TARVIK_NO_THREAD_SAFETY_ANALYSIS {
+void Mutex::unlock() {
     if (handle_) mutex_impl::unlock(handle_);
 }
 

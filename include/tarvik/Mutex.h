@@ -4,14 +4,13 @@
 // or opens the same name and lives until its last handle closes; if its owner dies holding it, the next
 // locker takes it over. lock() waits without limit, lock(timeout) at most the period, try_lock() not at all.
 //
-// The lock operations carry the compiler-checked locking annotations (see ThreadSafety.h); every lock can
-// fail (no handle, a time-out), so each is a try that takes the mutex when it returns true.
+// Unlike CriticalSection it carries no compiler-checked locking annotations: every lock may fail (no handle,
+// a time-out, an owner in another process), and nothing in this process is guarded by it alone.
 //
 // Thread safety: lock/unlock from any thread (unlock by the owner); create/open/destruction must not race
 // with other operations on the same object.
 #pragma once
 
-#include "tarvik/ThreadSafety.h"
 #include "tarvik/Time.h"
 #include "tarvik/Types.h"
 
@@ -21,7 +20,7 @@ namespace mutex_impl {
 struct Handle;
 }
 
-class TARVIK_CAPABILITY("mutex") TARVIK_EXPORT Mutex {
+class TARVIK_EXPORT Mutex {
 public:
     // An unnamed mutex.
     Mutex();
@@ -37,11 +36,10 @@ public:
     bool open(char const* name);
     bool is_ok() const { return handle_ != nullptr; }
 
-    bool lock() TARVIK_TRY_ACQUIRE(true);
-    bool lock(TimePeriod const& timeout) TARVIK_TRY_ACQUIRE(true);
-    bool try_lock() TARVIK_TRY_ACQUIRE(true);
-    // REQUIRES: the calling thread owns the mutex.
-    void unlock() TARVIK_RELEASE();
+    bool lock();
+    bool lock(TimePeriod const& timeout);
+    bool try_lock();
+    void unlock();
 
 private:
     void close_();
