@@ -3,7 +3,7 @@
 // A Deadline is a point on the monotonic clock, fixed when it is made from a time-out in milliseconds, so
 // that a loop that waits in several steps (a retry, a partial read, a spurious wake-up) spends the time-out
 // once in all, not once per step, and is not moved by changes of the wall clock. A negative time-out
-// means "never": such a deadline is never expired and has the whole range of an int left.
+// means "never": such a deadline is never expired (ms_left() gives -1 for it, left() the longest duration).
 //
 // Thread safety: a Deadline is a plain value; const operations may be called from any thread.
 #pragma once

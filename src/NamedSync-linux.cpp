@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <new>
@@ -139,9 +140,14 @@ void close(Object* object) {
     delete object;
 }
 
-int lock(Object* object, struct timespec const* deadline) {
-    int r = deadline ? pthread_mutex_timedlock(&object->shared->mutex, deadline)
-                     : pthread_mutex_lock(&object->shared->mutex);
+int lock(Object* object, Deadline const& deadline) {
+    int r;
+    if (deadline.is_never()) {
+        r = pthread_mutex_lock(&object->shared->mutex);
+    } else {
+        struct timespec const until = monotonic_time(deadline);
+        r = pthread_mutex_clocklock(&object->shared->mutex, CLOCK_MONOTONIC, &until);
+    }
     if (r == EOWNERDEAD) {  // its owner died holding it: the state is ours to take over
         pthread_mutex_consistent(&object->shared->mutex);
         r = 0;
@@ -160,15 +166,13 @@ int try_lock(Object* object) {
 
 void unlock(Object* object) { pthread_mutex_unlock(&object->shared->mutex); }
 
-struct timespec deadline_in(unsigned int ms, clockid_t clock) {
+struct timespec monotonic_time(Deadline const& deadline) {
+    // The steady clock of the C++ library on Linux is CLOCK_MONOTONIC, counted from the same origin.
+    auto const since = deadline.when().time_since_epoch();
+    auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
     struct timespec t;
-    ::clock_gettime(clock, &t);
-    t.tv_sec += ms / 1000;
-    t.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-    if (t.tv_nsec >= 1000000000L) {
-        t.tv_sec += 1;
-        t.tv_nsec -= 1000000000L;
-    }
+    t.tv_sec = static_cast<time_t>(seconds.count());
+    t.tv_nsec = static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(since - seconds).count());
     return t;
 }
 
