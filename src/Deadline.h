@@ -18,9 +18,12 @@ class Deadline {
 public:
     using Clock = std::chrono::steady_clock;
 
-    // A deadline `ms` milliseconds from now; a negative `ms` never expires.
+    // A deadline `ms` milliseconds from now; a negative `ms` never expires. A time-out beyond a century is
+    // taken as a century, so that the clock's range is never exceeded.
     static Deadline in_ms(std::int64_t ms) {
-        return ms < 0 ? Deadline() : Deadline(Clock::now() + std::chrono::milliseconds(ms));
+        constexpr std::int64_t kLongestMs = std::int64_t{100} * 366 * 24 * 3600 * 1000;
+        if (ms < 0) return Deadline();
+        return Deadline(Clock::now() + std::chrono::milliseconds(ms < kLongestMs ? ms : kLongestMs));
     }
     // A deadline that is never reached.
     static Deadline never() { return Deadline(); }

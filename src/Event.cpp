@@ -1,7 +1,5 @@
 #include "tarvik/Event.h"
 
-#include <chrono>
-
 #include "Deadline.h"
 #include "EventImpl.h"
 #include "LogUnit.h"
@@ -72,9 +70,9 @@ bool Event::reset() {
 
 bool Event::wait(TimePeriod const& timeout) {
     if (!handle_) return false;
-    Deadline const deadline = timeout > TimePeriod()
-                                  ? Deadline::at(Deadline::Clock::now() + std::chrono::microseconds(timeout.to_microseconds()))
-                                  : Deadline::never();
+    // Whole milliseconds, rounded up so that a time-out shorter than one still waits.
+    Deadline const deadline =
+        timeout > TimePeriod() ? Deadline::in_ms((timeout.to_microseconds() + 999) / 1000) : Deadline::never();
     for (;;) {
         if (deadline.expired()) return false;
         int const left = deadline.ms_left();

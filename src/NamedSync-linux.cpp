@@ -41,12 +41,16 @@ void init_state(Shared* s, Kind kind, bool process_shared) {
     s->ready.store(1, std::memory_order_release);
 }
 
-// "/tvk.<kind>.<name>" with every '/' of the name made '_' (a shared-memory name holds one '/').
-// Waits (briefly) until a freshly created object has its size and its state.
+// How long an opener waits for the creator in another process to size and initialise the object.
+constexpr int kInitWaitMs = 1000;
+
+// Waits (briefly) until a freshly created object has its size.
 bool wait_initialised(int fd) {
-    for (int i = 0; i < 1000; ++i) {
+    Deadline const deadline = Deadline::in_ms(kInitWaitMs);
+    for (;;) {
         struct stat st;
         if (::fstat(fd, &st) == 0 && st.st_size >= static_cast<off_t>(sizeof(Shared))) return true;
+        if (deadline.expired()) break;
         ::usleep(1000);
     }
     errno = ETIMEDOUT;
@@ -118,8 +122,8 @@ Object* open(char const* name, Kind kind, bool create) {
         if (created) {
             init_state(object->shared, kind, true);
         } else {
-            for (int i = 0; i < 1000 && object->shared->ready.load(std::memory_order_acquire) != 1; ++i)
-                ::usleep(1000);
+            Deadline const deadline = Deadline::in_ms(kInitWaitMs);
+            while (object->shared->ready.load(std::memory_order_acquire) != 1 && !deadline.expired()) ::usleep(1000);
         }
         return object;
     }

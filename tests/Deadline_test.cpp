@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <climits>
+#include <cstdint>
 #include <thread>
 
 using tarvik::Deadline;
@@ -22,12 +23,14 @@ TEST(Deadline, NegativeTimeOutNeverExpiresAndZeroHasExpiredAlready) {
         EXPECT_EQ(d.expired(), c.expired);
         EXPECT_EQ(d.ms_left(), c.ms_left);
         EXPECT_EQ(d.left(), c.never ? Deadline::Clock::duration::max() : Deadline::Clock::duration::zero());
-        if (c.never) EXPECT_EQ(d.when(), Deadline::Clock::time_point::max());
+        if (c.never) {
+            EXPECT_EQ(d.when(), Deadline::Clock::time_point::max());
+        }
     }
     EXPECT_TRUE(Deadline::never().is_never());
 }
 
-TEST(Deadline, TimeLeftIsRoundedUpToAWholeMillisecondAndCappedAtTheIntRange) {
+TEST(Deadline, TimeLeftIsRoundedUpToAWholeMillisecondAndHugeTimeOutsAreCapped) {
     // Less than a millisecond left is 1, not 0: a wait of 0 would look once and give up early.
     Deadline const soon = Deadline::at(Deadline::Clock::now() + 300us);
     int const left = soon.ms_left();
@@ -38,6 +41,9 @@ TEST(Deadline, TimeLeftIsRoundedUpToAWholeMillisecondAndCappedAtTheIntRange) {
     EXPECT_LE(later.ms_left(), 5000);
     EXPECT_FALSE(later.expired());
     EXPECT_EQ(Deadline::in_ms(std::int64_t{1} << 40).ms_left(), INT_MAX);
+    Deadline const far = Deadline::in_ms(INT64_MAX);  // capped, not wrapped into the past
+    EXPECT_FALSE(far.expired());
+    EXPECT_EQ(far.ms_left(), INT_MAX);
 }
 
 TEST(Deadline, AStepwiseWaitSpendsItsTimeOutOnceInAll) {
