@@ -41,16 +41,16 @@ namespace {
 // and never destroyed, so variables of any static lifetime can bind and release safely.
 struct Registry {
     CriticalSection lock;
-    GlobVarModule* modules = nullptr;
+    GlobVarModule* modules TARVIK_GUARDED_BY(lock) = nullptr;
     std::atomic<int> default_level{0};
 
-    GlobVarModule* find_module(Symbol const& name) const {
+    GlobVarModule* find_module(Symbol const& name) const TARVIK_REQUIRES(lock) {
         for (GlobVarModule* m = modules; m; m = m->next)
             if (m->name == name) return m;
         return nullptr;
     }
 
-    GlobVarEntry* find_entry(Symbol const& module, Symbol const& name, GlobVar::Kind kind) const {
+    GlobVarEntry* find_entry(Symbol const& module, Symbol const& name, GlobVar::Kind kind) const TARVIK_REQUIRES(lock) {
         GlobVarModule* m = find_module(module);
         if (!m) return nullptr;
         for (GlobVarEntry* e = m->variables; e; e = e->next)
@@ -58,7 +58,7 @@ struct Registry {
         return nullptr;
     }
 
-    GlobVarEntry* bind(Symbol const& module, Symbol const& name, GlobVar::Kind kind) {
+    GlobVarEntry* bind(Symbol const& module, Symbol const& name, GlobVar::Kind kind) TARVIK_REQUIRES(lock) {
         GlobVarModule* m = find_module(module);
         if (!m) {
             m = new GlobVarModule;
@@ -81,7 +81,7 @@ struct Registry {
         return e;
     }
 
-    void release(GlobVarEntry* entry) {
+    void release(GlobVarEntry* entry) TARVIK_REQUIRES(lock) {
         GlobVarModule* m = entry->module;
         if (--entry->count > 0) return;
         for (GlobVarEntry** link = &m->variables; *link; link = &(*link)->next) {
