@@ -33,3 +33,4 @@
 #include "tarvik/Tuple.h"
 #include "tarvik/TypeManager.h"
 #include "tarvik/Types.h"
+#include "tarvik/Version.h"
