@@ -5,10 +5,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <filesystem>
 #include <string>
 
 #include "ServiceSupport.h"
 #include "TestSupport.h"
+#include "tarvik/GlobVar.h"
+#include "tarvik/Sender.h"
 #include "tarvik/Time.h"
 
 using namespace tarvik;
@@ -292,6 +295,129 @@ TEST(ServiceManager, ProxyWithoutSenderFailsItsCalls) {
     EXPECT_EQ(capture.records_with("ERR|TVK|SERVICEMANAGER|"), 2) << capture.text();
     EXPECT_EQ(capture.records_with("||PROXY calc.main.NOWHERE:x CALL NO SENDER"), 2);
     EXPECT_EQ(out.get_int("kept", 0), 1);
+}
+
+// --- proxies over the in-process transport -------------------------------------------------------------------
+
+int thread_count() {
+    int n = 0;
+    for ([[maybe_unused]] auto const& entry : std::filesystem::directory_iterator("/proc/self/task")) ++n;
+    return n;
+}
+
+// A manager publishing calc.main and listening on an in-process address.
+struct Host {
+    explicit Host(char const* address) {
+        init();
+        EXPECT_TRUE(service->publish(manager));
+        listener = manager->add_listener(address);
+        EXPECT_TRUE(listener) << address;
+    }
+    AutoRef<ServiceManager> manager = ServiceManager::create();
+    AutoRef<Service> service = make_service("calc", "main", {"mgr.calc"});
+    AutoRef<Listener> listener;
+};
+
+TEST(ServiceProxy, CallsTravelToTheRemoteServiceWithTheirSessionContext) {
+    Host host("INPROC:proxy-calls");
+    AutoRef<Service> remote = Service::bind("calc:main@INPROC:proxy-calls");
+    ASSERT_TRUE(remote);
+    EXPECT_TRUE(remote->is_proxy());
+    EXPECT_NE(remote, host.service);
+    EXPECT_STREQ(remote->get_address().c_str(), "INPROC:proxy-calls");
+
+    Tuple in("echo"), out("stale");
+    in.set_int("x", 9);
+    in.set_blob("bytes", Blob("\x00\x01\xff", 3, 0));
+    out.set_int("stale", 1);
+    EXPECT_EQ(remote->call("mgr.calc", in, out), 5);
+    EXPECT_EQ(out.get_int("x", 0), 9);
+    EXPECT_EQ(out.get_blob("bytes").get_size(), 3u);
+    EXPECT_FALSE(out.is_set(Symbol("stale")));  // the output is the answer's, not merged into the old one
+
+    // The proxy's own context goes out with each call and comes back changed.
+    Tuple context;
+    context.set_int("n", 10);
+    remote->set_session_context(context);
+    Tuple sess("sess");
+    EXPECT_EQ(remote->call("", sess, out), 0);
+    EXPECT_EQ(out.get_int("seen", 0), 10);
+    EXPECT_EQ(remote->get_session_context(context).get_int("n", 0), 11);
+    AutoRef<Interface> iface;
+    ASSERT_TRUE(remote->get_interface("mgr.calc", iface));
+    EXPECT_EQ(iface->call(sess, out), 0);
+    EXPECT_EQ(out.get_int("seen", 0), 11);
+    EXPECT_EQ(remote->get_session_context(context).get_int("n", 0), 12);
+    // A session given to the call is the one sent and changed; the proxy's own stays.
+    Tuple session;
+    session.set_int("n", 100);
+    EXPECT_EQ(remote->call(session, "mgr.calc", sess, out), 0);
+    EXPECT_EQ(session.get_int("n", 0), 101);
+    EXPECT_EQ(remote->get_session_context(context).get_int("n", 0), 12);
+}
+
+TEST(ServiceProxy, RecordsOfTheCheckTheCallAndAnInvalidAnswer) {
+    Host host("INPROC:proxy-records");
+    LogLevel level("SERVICEMANAGER", 3);
+    StdoutCapture capture;
+    AutoRef<Service> remote = Service::bind("calc:main@INPROC:proxy-records");
+    ASSERT_TRUE(remote);
+    Tuple out;
+    EXPECT_EQ(remote->call("mgr.calc", Tuple("echo"), out), 5);
+    // Unpublished behind the proxy's back: the manager answers without "r".
+    ASSERT_TRUE(host.service->unpublish());
+    EXPECT_EQ(remote->call("mgr.calc", Tuple("echo"), out), ServiceManager::kInvalidAnswer);
+    for (char const* record : {"||CREATE PROXY SERVICE class=calc name=main arg=INPROC:proxy-records",
+                               "||TRY CHECK CONNECTION INPROC:proxy-records",
+                               "||CHECK CONNECTION CREATE INPROC:proxy-records true", "||CHECK CONNECTION 1",
+                               "||CALL calc.main.mgr.calc(echo{},{})=5", "||request time => '",
+                               "||NO MATCHING SERVICE tvk.call{",
+                               "||INVALID ANSWER REQUEST (no return value) 'tvk.call{args_in:t=echo{}, iface_name:as=\"mgr.calc\", "
+                               "svc_class:as=\"calc\", svc_name:as=\"main\", tvk.req.timestamp:td="})
+        EXPECT_EQ(capture.records_with(record), 1) << record << "\n" << capture.text();
+    EXPECT_EQ(capture.records_with("ERR|TVK|SERVICEMANAGER|"), 2) << capture.text();
+
+    // A proxy bound now finds nothing to check.
+    StdoutCapture later;
+    EXPECT_FALSE(Service::bind("calc:main@INPROC:proxy-records"));
+    EXPECT_EQ(later.records_with("||CHECK CONNECTION 2"), 1) << later.text();
+    EXPECT_EQ(later.records_with("||SERVICE calc.main NOT CONNECTED"), 1) << later.text();
+}
+
+TEST(ServiceProxy, CallsAfterTheListenerIsRemovedFailWithTheSendersResult) {
+    Host host("INPROC:proxy-removed");
+    AutoRef<Service> remote = Service::bind("calc:main@INPROC:proxy-removed");
+    ASSERT_TRUE(remote);
+    ASSERT_TRUE(host.manager->remove_listener("INPROC:proxy-removed"));
+    EXPECT_FALSE(host.manager->remove_listener("INPROC:proxy-removed"));
+    Tuple out;
+    out.set_int("kept", 1);
+    StdoutCapture quiet;
+    long const r = remote->call("mgr.calc", Tuple("echo"), out);
+    EXPECT_LT(r, 0);
+    EXPECT_NE(r, ServiceManager::kInvalidAnswer);
+    EXPECT_EQ(out.get_int("kept", 0), 1);
+    // Listening again serves the same proxy.
+    ASSERT_TRUE(host.manager->add_listener("INPROC:proxy-removed"));
+    EXPECT_EQ(remote->call("mgr.calc", Tuple("echo"), out), 5);
+}
+
+TEST(ServiceProxy, ReleasedManagersAndProxiesLeaveNoThreads) {
+    auto cycle = [] {
+        Host host("INPROC:proxy-cycle");
+        AutoRef<Service> remote = Service::bind("calc:main@INPROC:proxy-cycle");
+        ASSERT_TRUE(remote);
+        run_together(4, [&](int t) {
+            Tuple in("echo"), out;
+            in.set_int("x", t);
+            EXPECT_EQ(remote->call("mgr.calc", in, out), 5);
+            EXPECT_EQ(out.get_int("x", -1), t);
+        });
+    };
+    cycle();
+    int const threads = thread_count();
+    for (int i = 0; i < 20; ++i) cycle();
+    EXPECT_EQ(thread_count(), threads);
 }
 
 }  // namespace
