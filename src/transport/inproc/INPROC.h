@@ -91,18 +91,26 @@ private:
         bool exited = false;                      // guarded by the port's mutex_
     };
 
+    // What serving one request gave: its encoded answer, or the failure to report.
+    struct Outcome {
+        int failure = 0;
+        CommBuffer answer;
+    };
+
     void run_worker_(Worker* worker);
-    void serve_(InprocExchange& exchange);
+    // Decodes the request, delivers it and encodes the answer (no lock held).
+    void serve_(InprocExchange& exchange, Outcome& outcome);
+    // Hands the answer (or the failure) to the caller, unless it has given up.
+    void settle_(InprocExchange& exchange, Outcome& outcome);
 
     AString const address_;
     std::shared_ptr<InprocShared> const shared_;
-    std::mutex mutex_;                   // guards queue_, workers_, detached_, idle_, busy_, stopping_
+    std::mutex mutex_;                   // guards queue_, workers_, detached_, busy_, stopping_
     std::condition_variable wake_;       // workers wait here for requests (or the stop)
     std::condition_variable quiet_;      // stop() waits here for busy_ to reach 0
     std::deque<std::shared_ptr<InprocExchange>> queue_;
     std::vector<std::unique_ptr<Worker>> workers_;
     std::vector<std::unique_ptr<Worker>> detached_;  // workers left running at stop (kept for their state)
-    int idle_ = 0;
     int busy_ = 0;
     bool stopping_ = false;
 };

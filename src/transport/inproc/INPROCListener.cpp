@@ -79,7 +79,10 @@ bool InprocPort::post(std::shared_ptr<InprocExchange> const& exchange) {
     std::lock_guard<std::mutex> hold(mutex_);
     if (stopping_) return false;
     queue_.push_back(exchange);
-    if (static_cast<int>(queue_.size()) > idle_ && static_cast<int>(workers_.size()) < kMaxWorkers) {
+    // Workers not serving a request will take the queued ones; another is started only when the queue is
+    // longer than they are.
+    int const free_workers = static_cast<int>(workers_.size()) - busy_;
+    if (static_cast<int>(queue_.size()) > free_workers && static_cast<int>(workers_.size()) < kMaxWorkers) {
         auto worker = std::make_unique<Worker>();
         Worker* w = worker.get();
         workers_.push_back(static_cast<std::unique_ptr<Worker>&&>(worker));
@@ -99,11 +102,7 @@ bool InprocPort::is_stopped() {
 void InprocPort::run_worker_(Worker* worker) {
     std::unique_lock<std::mutex> hold(mutex_);
     for (;;) {
-        while (queue_.empty() && !stopping_) {
-            ++idle_;
-            wake_.wait(hold);
-            --idle_;
-        }
+        while (queue_.empty() && !stopping_) wake_.wait(hold);
         if (queue_.empty()) break;
         std::shared_ptr<InprocExchange> exchange = static_cast<std::shared_ptr<InprocExchange>&&>(queue_.front());
         queue_.pop_front();
@@ -116,15 +115,21 @@ void InprocPort::run_worker_(Worker* worker) {
             taken = exchange->state == InprocExchange::QUEUED;  // not abandoned by a caller that gave up
             if (taken) exchange->state = InprocExchange::TAKEN;
         }
-        if (taken) serve_(*exchange);
+        Outcome outcome;
+        if (taken) serve_(*exchange, outcome);
+        // Free before the caller learns of its answer, so that its next request finds this worker idle
+        // rather than starting another one.
         hold.lock();
         worker->current.reset();
         if (--busy_ == 0) quiet_.notify_all();
+        hold.unlock();
+        if (taken) settle_(*exchange, outcome);
+        hold.lock();
     }
     worker->exited = true;
 }
 
-void InprocPort::serve_(InprocExchange& exchange) {
+void InprocPort::serve_(InprocExchange& exchange, Outcome& outcome) {
     Listener::State& state = shared_->state;
     TransportConfig const& config = inproc_config();
     state.bytes_in += exchange.request.size();
@@ -132,31 +137,33 @@ void InprocPort::serve_(InprocExchange& exchange) {
     bool text = false;
     int r = receive_tuple(exchange.request, request, config.max_buffer_size(), address_.c_str(), &text);
     if (r != 0) {
-        state.failed++;
-        state.last_error = r;
-        exchange.fail(r);
+        outcome.failure = r;
         return;
     }
     Tuple reply;
     if (!shared_->slot.deliver(request, reply)) {
         TVK_LOG(LEVEL_ERR, "INPROC LISTENER '%0' HAS NO CALLBACK") << address_;
-        state.failed++;
-        state.last_error = Sender::CALL_REFUSED;
-        exchange.fail(Sender::CALL_REFUSED);
+        outcome.failure = Sender::CALL_REFUSED;
         return;
     }
-    CommBuffer answer;
-    if (encode_tuple(reply, answer, text) < 0) {
+    if (encode_tuple(reply, outcome.answer, text) < 0) {
         TVK_LOG(LEVEL_ERR, "INPROC LISTENER '%0' CANNOT ENCODE ANSWER") << address_;
+        outcome.failure = Sender::CALL_PROTOCOL_ERROR;
+    }
+}
+
+void InprocPort::settle_(InprocExchange& exchange, Outcome& outcome) {
+    Listener::State& state = shared_->state;
+    if (outcome.failure != 0) {
         state.failed++;
-        state.last_error = Sender::CALL_PROTOCOL_ERROR;
-        exchange.fail(Sender::CALL_PROTOCOL_ERROR);
+        state.last_error = outcome.failure;
+        exchange.fail(outcome.failure);
         return;
     }
-    unsigned int size = answer.size();
+    unsigned int size = outcome.answer.size();
     std::lock_guard<std::mutex> hold(exchange.mutex);
     if (exchange.state != InprocExchange::TAKEN) return;  // the caller gave up, or the port stopped
-    exchange.answer.splice(answer);
+    exchange.answer.splice(outcome.answer);
     exchange.state = InprocExchange::ANSWERED;
     exchange.settled.notify_all();
     state.requests++;
