@@ -5,13 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
 #include <string>
 
 #include "ServiceSupport.h"
 #include "TestSupport.h"
 #include "tarvik/GlobVar.h"
-#include "tarvik/Sender.h"
 #include "tarvik/Time.h"
 
 using namespace tarvik;
@@ -299,12 +297,6 @@ TEST(ServiceManager, ProxyWithoutSenderFailsItsCalls) {
 
 // --- proxies over the in-process transport -------------------------------------------------------------------
 
-int thread_count() {
-    int n = 0;
-    for ([[maybe_unused]] auto const& entry : std::filesystem::directory_iterator("/proc/self/task")) ++n;
-    return n;
-}
-
 // A manager publishing calc.main and listening on an in-process address.
 struct Host {
     explicit Host(char const* address) {
@@ -382,42 +374,6 @@ TEST(ServiceProxy, RecordsOfTheCheckTheCallAndAnInvalidAnswer) {
     EXPECT_FALSE(Service::bind("calc:main@INPROC:proxy-records"));
     EXPECT_EQ(later.records_with("||CHECK CONNECTION 2"), 1) << later.text();
     EXPECT_EQ(later.records_with("||SERVICE calc.main NOT CONNECTED"), 1) << later.text();
-}
-
-TEST(ServiceProxy, CallsAfterTheListenerIsRemovedFailWithTheSendersResult) {
-    Host host("INPROC:proxy-removed");
-    AutoRef<Service> remote = Service::bind("calc:main@INPROC:proxy-removed");
-    ASSERT_TRUE(remote);
-    ASSERT_TRUE(host.manager->remove_listener("INPROC:proxy-removed"));
-    EXPECT_FALSE(host.manager->remove_listener("INPROC:proxy-removed"));
-    Tuple out;
-    out.set_int("kept", 1);
-    StdoutCapture quiet;
-    long const r = remote->call("mgr.calc", Tuple("echo"), out);
-    EXPECT_LT(r, 0);
-    EXPECT_NE(r, ServiceManager::kInvalidAnswer);
-    EXPECT_EQ(out.get_int("kept", 0), 1);
-    // Listening again serves the same proxy.
-    ASSERT_TRUE(host.manager->add_listener("INPROC:proxy-removed"));
-    EXPECT_EQ(remote->call("mgr.calc", Tuple("echo"), out), 5);
-}
-
-TEST(ServiceProxy, ReleasedManagersAndProxiesLeaveNoThreads) {
-    auto cycle = [] {
-        Host host("INPROC:proxy-cycle");
-        AutoRef<Service> remote = Service::bind("calc:main@INPROC:proxy-cycle");
-        ASSERT_TRUE(remote);
-        run_together(4, [&](int t) {
-            Tuple in("echo"), out;
-            in.set_int("x", t);
-            EXPECT_EQ(remote->call("mgr.calc", in, out), 5);
-            EXPECT_EQ(out.get_int("x", -1), t);
-        });
-    };
-    cycle();
-    int const threads = thread_count();
-    for (int i = 0; i < 20; ++i) cycle();
-    EXPECT_EQ(thread_count(), threads);
 }
 
 }  // namespace
