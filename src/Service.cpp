@@ -208,6 +208,12 @@ void Service::set_session_id(char const* id) {
 
 AutoRef<ServiceManager> Service::get_manager() const {
     CriticalSectionHolder hold(cs_);
+    if (!manager_) return {};
+    // The manager may be on its way out (its last reference gone, its destructor not yet at clearing this
+    // link, which it does under cs_): its count, read under its own count lock, tells, and a manager with
+    // references left cannot lose the last one while that lock is held.
+    CriticalSectionHolder counting(manager_->get_cs());
+    if (manager_->get_count() <= 0) return {};
     return AutoRef<ServiceManager>(manager_);
 }
 
