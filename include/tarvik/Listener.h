@@ -13,7 +13,8 @@
 // Addresses known to init(): "INPROC:name" (threads of this process), "TCPIP:host:port" and
 // "STCPIP:host:port" (plain and secure TCP/IP), "SHM:name" and "SHM:name:size" (shared memory between
 // processes of one machine). A factory that does not recognise an address yields a null reference; a null
-// reference from all of them means the address names no transport of this build.
+// reference from all of them means the address names no transport of this build (a build without the
+// socket or shared-memory endpoints still recognises their addresses and says so in an "ERR" record).
 //
 // Lifecycle: start() begins accepting requests (true on success); stop() stops accepting, lets requests
 // already delivered to the callback finish within the communication time-out, then drops what remains
@@ -37,8 +38,8 @@
 // Parameters: set_param reads "comm_timeout" and "connection_timeout" (TimePeriod) from its tuple, an absent
 // attribute changing nothing. get_param writes the class name of the endpoint ("tarvik.INPROCListener",
 // "tarvik.SHMListener", ...), "comm_timeout", "connection_timeout" where the transport uses one, "name"
-// (the endpoint's address; a TCP/IP listener on port 0 reports the port actually bound) and the state
-// counters (State below), and returns its argument. An endpoint's own time-outs start unset; the effective
+// (the endpoint's whole address, as a sender of the transport takes it; a TCP/IP listener on port 0
+// reports the port actually bound) and the state counters (State below), and returns its argument. An endpoint's own time-outs start unset; the effective
 // values come from the transport's global variables ("TVK.TCPIP", "TVK.SHM", "TVK.INPROC": COMM.* and
 // CONNECTION.* FORCE_TIMEOUT / DEFAULT_TIMEOUT) and are read again at every use.
 //
