@@ -93,14 +93,14 @@ int main(int argc, char** argv) {
     bcout() << "published demo.calc:main on " << address << bendl();
 
     // Client: bind by specification string and call both interfaces.
-    AString spec("demo.calc:main@");
-    spec += address;
-    AutoRef<Service> remote = Service::bind(spec.c_str());
+    AString text("demo.calc:main@");
+    text += address;
+    AutoRef<Service> remote = Service::bind(text.c_str());
     if (!remote) {
-        bcout() << "cannot bind " << spec << bendl();
+        bcout() << "cannot bind " << text << bendl();
         return 1;
     }
-    bcout() << "bound " << spec << (remote->is_proxy() ? " (a proxy)" : "") << bendl();
+    bcout() << "bound " << text << (remote->is_proxy() ? " (a proxy)" : "") << bendl();
     remote->set_session_id("client-1");
 
     Tuple add("add"), mul("mul"), upper("upper");

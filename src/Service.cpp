@@ -282,8 +282,8 @@ long Service::call(Tuple& session, char const* iface_name, Tuple const& in, Tupl
 
 namespace {
 
-bool read_spec(char const* first, char const* second, char const* spec, Tuple& parts) {
-    AString const text(spec ? spec : "");
+bool read_specification(char const* first, char const* second, char const* specification, Tuple& parts) {
+    AString const text(specification ? specification : "");
     return parts.match(first, text) || parts.match(second, text);
 }
 
@@ -306,10 +306,10 @@ Symbol const& sym_address() {
 
 }  // namespace
 
-AutoRef<Service> Service::create(char const* spec) {
+AutoRef<Service> Service::create(char const* specification) {
     Tuple parts;
-    if (!read_spec("%(class):%(name):%(args)", "%(class):%(name)", spec, parts)) {
-        TVK_LOG(LEVEL_ERR, "CREATE '%0' INVALID SERVICE SPECIFICATION") << (spec ? spec : "");
+    if (!read_specification("%(class):%(name):%(args)", "%(class):%(name)", specification, parts)) {
+        TVK_LOG(LEVEL_ERR, "CREATE '%0' INVALID SERVICE SPECIFICATION") << (specification ? specification : "");
         return {};
     }
     char const* cls = parts.get_astring(sym_class(), "");
@@ -319,29 +319,29 @@ AutoRef<Service> Service::create(char const* spec) {
         AutoRef<Service> made = f->make(cls, parts.get_astring(sym_name(), ""), parts.get_astring(sym_args(), ""));
         if (tvk_log() > 0)
             TVK_LOG(LEVEL_LOG, "CHECK SERVICE FACTORY %0 %1 = %2")
-                << f->get_class_name() << spec << static_cast<void const*>(made.get());
+                << f->get_class_name() << specification << static_cast<void const*>(made.get());
         if (made) return made;
     }
     return {};
 }
 
-AutoRef<Service> Service::create(char const* spec, ServiceFactory& factory) {
+AutoRef<Service> Service::create(char const* specification, ServiceFactory& factory) {
     Tuple parts;
-    if (!read_spec("%(class):%(name):%(args)", "%(class):%(name)", spec, parts)) {
-        TVK_LOG(LEVEL_ERR, "CREATE '%0' INVALID SERVICE SPECIFICATION") << (spec ? spec : "");
+    if (!read_specification("%(class):%(name):%(args)", "%(class):%(name)", specification, parts)) {
+        TVK_LOG(LEVEL_ERR, "CREATE '%0' INVALID SERVICE SPECIFICATION") << (specification ? specification : "");
         return {};
     }
     AutoRef<Service> made = factory.make(parts.get_astring(sym_class(), ""), parts.get_astring(sym_name(), ""),
                                          parts.get_astring(sym_args(), ""));
     if (tvk_log() > 0)
-        TVK_LOG(LEVEL_LOG, "CHECK SERVICE FACTORY %0 = %1") << spec << static_cast<void const*>(made.get());
+        TVK_LOG(LEVEL_LOG, "CHECK SERVICE FACTORY %0 = %1") << specification << static_cast<void const*>(made.get());
     return made;
 }
 
-AutoRef<Service> Service::bind(char const* spec) {
+AutoRef<Service> Service::bind(char const* specification) {
     Tuple parts;
-    if (!read_spec("%(class):%(name)@%(address)", "%(class):%(name)", spec, parts)) {
-        TVK_LOG(LEVEL_ERR, "BIND '%0' INVALID SERVICE SPECIFICATION") << (spec ? spec : "");
+    if (!read_specification("%(class):%(name)@%(address)", "%(class):%(name)", specification, parts)) {
+        TVK_LOG(LEVEL_ERR, "BIND '%0' INVALID SERVICE SPECIFICATION") << (specification ? specification : "");
         return {};
     }
     char const* cls = parts.get_astring(sym_class(), "");

@@ -260,7 +260,7 @@ TEST(Service, CreateReadsTheSpecificationAndAsksTheFactoriesOfTheClass) {
     RecordingFactory makes("make", true, true);  // newest: asked first
     NamedInterfaces alpha("make", "svc.alpha"), beta("make", "svc.beta");
     struct Case {
-        char const* spec;
+        char const* text;
         bool made;
         char const* name;
         char const* args;
@@ -273,8 +273,8 @@ TEST(Service, CreateReadsTheSpecificationAndAsksTheFactoriesOfTheClass) {
         {"other:main", false, "", ""},            // no factory of that class
     };
     for (Case const& c : cases) {
-        SCOPED_TRACE(c.spec);
-        AutoRef<Service> s = Service::create(c.spec);
+        SCOPED_TRACE(c.text);
+        AutoRef<Service> s = Service::create(c.text);
         ASSERT_EQ(static_cast<bool>(s), c.made);
         if (!c.made) continue;
         EXPECT_STREQ(s->get_class_name().c_str(), "make");
@@ -308,7 +308,7 @@ TEST(Service, CreateReadsTheSpecificationAndAsksTheFactoriesOfTheClass) {
 
 TEST(Service, InvalidSpecificationsAreReported) {
     struct Case {
-        char const* spec;
+        char const* text;
         bool bind;
         char const* record;
     };
@@ -319,14 +319,14 @@ TEST(Service, InvalidSpecificationsAreReported) {
         {"", true, "||BIND '' INVALID SERVICE SPECIFICATION"},
     };
     for (Case const& c : cases) {
-        SCOPED_TRACE(c.spec);
+        SCOPED_TRACE(c.text);
         StdoutCapture capture;
-        EXPECT_FALSE(c.bind ? Service::bind(c.spec) : Service::create(c.spec));
+        EXPECT_FALSE(c.bind ? Service::bind(c.text) : Service::create(c.text));
         EXPECT_EQ(capture.records_with("ERR|TVK|SERVICE|"), 1) << capture.text();
         EXPECT_EQ(capture.records_with(c.record), 1) << capture.text();
         RecordingFactory f("x", false, true);
         if (!c.bind) {
-            EXPECT_FALSE(Service::create(c.spec, f));
+            EXPECT_FALSE(Service::create(c.text, f));
         }
         EXPECT_EQ(f.asked, 0);
     }

@@ -135,10 +135,10 @@ public:
     virtual long call(Tuple& session, char const* iface_name, Tuple const& in, Tuple& out);
 
     // Made from a specification string by the registered factories (see the header comment).
-    static AutoRef<Service> create(char const* spec);
-    static AutoRef<Service> create(char const* spec, ServiceFactory& factory);
+    static AutoRef<Service> create(char const* specification);
+    static AutoRef<Service> create(char const* specification, ServiceFactory& factory);
     // Reached by specification string: published in this process, or through a proxy.
-    static AutoRef<Service> bind(char const* spec);
+    static AutoRef<Service> bind(char const* specification);
 
 protected:
     // The interface a call goes to; kNoInterface's record is logged here.
