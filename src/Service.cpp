@@ -71,7 +71,11 @@ bool Service::CallMethod::is_oneway() { return false; }
 Service::CallMethod* Service::CallMethod::get(char const* interface_name, char const* method_name) {
     MethodRegistry* r = method_registry(false);
     if (!r) return nullptr;
-    std::string const key = method_key(interface_name, method_name);
+    // One key buffer per thread: a lookup on the call path allocates nothing once the buffer has grown.
+    thread_local std::string key;
+    key.assign(interface_name ? interface_name : "");
+    key += '.';
+    key += method_name ? method_name : "";
     CriticalSectionHolder hold(r->cs);
     auto it = r->methods.find(key);
     return it == r->methods.end() ? nullptr : it->second;
