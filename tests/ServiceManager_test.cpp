@@ -376,4 +376,24 @@ TEST(ServiceProxy, RecordsOfTheCheckTheCallAndAnInvalidAnswer) {
     EXPECT_EQ(later.records_with("||SERVICE calc.main NOT CONNECTED"), 1) << later.text();
 }
 
+TEST(ServiceProxy, AProxyPublishedOnAnotherManagerRelaysCallsAndSessionContext) {
+    Host origin("INPROC:relay-origin");
+    AutoRef<ServiceManager> relay = ServiceManager::create();
+    AutoRef<Service> forward = ServiceManager::make_proxy("calc", "main", "INPROC:relay-origin");
+    ASSERT_TRUE(forward->publish(relay));
+    ASSERT_TRUE(relay->add_listener("INPROC:relay-front"));
+
+    AutoRef<Service> remote = Service::bind("calc:main@INPROC:relay-front");
+    ASSERT_TRUE(remote);
+    Tuple context;
+    context.set_int("n", 7);
+    remote->set_session_context(context);
+    Tuple out;
+    EXPECT_EQ(remote->call("mgr.calc", Tuple("sess"), out), 0);
+    EXPECT_EQ(out.get_int("seen", 0), 7);
+    EXPECT_EQ(remote->get_session_context(context).get_int("n", 0), 8);
+    // The relay's own context is not the caller's: each request carries its own.
+    EXPECT_TRUE(forward->get_session_context(context).is_empty());
+}
+
 }  // namespace
