@@ -245,6 +245,23 @@ TEST_P(Transport, AnswerCarriesTheRequestTimestampUnchanged) {
     EXPECT_TRUE(*echoed == sent);
 }
 
+TEST_P(Transport, RequestNestedTooDeepFailsWithARecordAndTheListenerServesOn) {
+    Tuple args("copy");
+    for (int level = 0; level < 1000; ++level) {
+        Tuple outer("copy");
+        outer.set_tuple("inner", args);
+        args = static_cast<Tuple&&>(outer);
+    }
+    Tuple answer;
+    {
+        StdoutCapture log;
+        EXPECT_LT(exchange(call_request("suite.echo", "main", args), answer), 0);
+        EXPECT_GE(log.records_with("nesting deeper than 128"), 1);
+    }
+    ASSERT_EQ(exchange(call_request("suite.echo", "main", Tuple("copy")), answer), Sender::CALL_OK);
+    EXPECT_EQ(answer.get_int("r", 0), 7);
+}
+
 TEST_P(Transport, MethodOutlivingTheForcedTimeoutFailsTheCallAndTheNextCallSucceeds) {
     AutoRef<Service> proxy = bind_proxy();
     ASSERT_TRUE(proxy);
@@ -336,7 +353,11 @@ TEST_P(Transport, ThousandBindCallReleaseCyclesKeepThreadsAndMemoryFlat) {
         if (!cycle()) failures++;
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(thread_count(), threads);
+#if !defined(__SANITIZE_ADDRESS__)  // the sanitizer holds freed blocks back; its leak check stands in
     EXPECT_LT(resident_kib() - memory, 4096);
+#else
+    (void)memory;
+#endif
 }
 
 INSTANTIATE_TEST_SUITE_P(Addresses, Transport, ::testing::ValuesIn(kAddresses),
