@@ -54,11 +54,15 @@ std::shared_ptr<InprocPort> find_inproc_port(AString const& name) {
 
 // --- InprocExchange -------------------------------------------------------------------------------------
 
+// Waiters are woken after the lock is dropped, so that they do not wake only to wait for it. Whoever
+// settles an exchange holds a reference to it, so the condition variable outlives the notification.
 bool InprocExchange::fail(int why) {
-    std::lock_guard<std::mutex> hold(mutex);
-    if (state != QUEUED && state != TAKEN) return false;
-    state = FAILED;
-    result = why;
+    {
+        std::lock_guard<std::mutex> hold(mutex);
+        if (state != QUEUED && state != TAKEN) return false;
+        state = FAILED;
+        result = why;
+    }
     settled.notify_all();
     return true;
 }
@@ -76,7 +80,7 @@ InprocPort::~InprocPort() {
 }
 
 bool InprocPort::post(std::shared_ptr<InprocExchange> const& exchange) {
-    std::lock_guard<std::mutex> hold(mutex_);
+    std::unique_lock<std::mutex> hold(mutex_);
     if (stopping_) return false;
     queue_.push_back(exchange);
     // Workers not serving a request will take the queued ones; another is started only when the queue is
@@ -90,6 +94,7 @@ bool InprocPort::post(std::shared_ptr<InprocExchange> const& exchange) {
         w->thread = std::thread([self = shared_from_this(), w] { self->run_worker_(w); });
         if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "INPROC LISTENER '%0' STARTS WORKER %1") << address_ << static_cast<int>(workers_.size());
     }
+    hold.unlock();
     wake_.notify_one();
     return true;
 }
@@ -161,13 +166,16 @@ void InprocPort::settle_(InprocExchange& exchange, Outcome& outcome) {
         return;
     }
     unsigned int size = outcome.answer.size();
-    std::lock_guard<std::mutex> hold(exchange.mutex);
-    if (exchange.state != InprocExchange::TAKEN) return;  // the caller gave up, or the port stopped
-    exchange.answer.splice(outcome.answer);
-    exchange.state = InprocExchange::ANSWERED;
+    {
+        std::lock_guard<std::mutex> hold(exchange.mutex);
+        if (exchange.state != InprocExchange::TAKEN) return;  // the caller gave up, or the port stopped
+        exchange.answer.splice(outcome.answer);
+        exchange.state = InprocExchange::ANSWERED;
+        // Counted before the caller wakes, so that what it reads next includes its own call.
+        state.requests++;
+        state.bytes_out += size;
+    }
     exchange.settled.notify_all();
-    state.requests++;
-    state.bytes_out += size;
 }
 
 void InprocPort::stop(int wait_ms) {
