@@ -71,7 +71,11 @@ bool Service::CallMethod::is_oneway() { return false; }
 Service::CallMethod* Service::CallMethod::get(char const* interface_name, char const* method_name) {
     MethodRegistry* r = method_registry(false);
     if (!r) return nullptr;
-    std::string const key = method_key(interface_name, method_name);
+    // One key buffer per thread: a lookup on the call path allocates nothing once the buffer has grown.
+    thread_local std::string key;
+    key.assign(interface_name ? interface_name : "");
+    key += '.';
+    key += method_name ? method_name : "";
     CriticalSectionHolder hold(r->cs);
     auto it = r->methods.find(key);
     return it == r->methods.end() ? nullptr : it->second;
@@ -208,6 +212,12 @@ void Service::set_session_id(char const* id) {
 
 AutoRef<ServiceManager> Service::get_manager() const {
     CriticalSectionHolder hold(cs_);
+    if (!manager_) return {};
+    // The manager may be on its way out (its last reference gone, its destructor not yet at clearing this
+    // link, which it does under cs_): its count, read under its own count lock, tells, and a manager with
+    // references left cannot lose the last one while that lock is held.
+    CriticalSectionHolder counting(manager_->get_cs());
+    if (manager_->get_count() <= 0) return {};
     return AutoRef<ServiceManager>(manager_);
 }
 
@@ -276,8 +286,8 @@ long Service::call(Tuple& session, char const* iface_name, Tuple const& in, Tupl
 
 namespace {
 
-bool read_spec(char const* first, char const* second, char const* spec, Tuple& parts) {
-    AString const text(spec ? spec : "");
+bool read_specification(char const* first, char const* second, char const* specification, Tuple& parts) {
+    AString const text(specification ? specification : "");
     return parts.match(first, text) || parts.match(second, text);
 }
 
@@ -300,10 +310,10 @@ Symbol const& sym_address() {
 
 }  // namespace
 
-AutoRef<Service> Service::create(char const* spec) {
+AutoRef<Service> Service::create(char const* specification) {
     Tuple parts;
-    if (!read_spec("%(class):%(name):%(args)", "%(class):%(name)", spec, parts)) {
-        TVK_LOG(LEVEL_ERR, "CREATE '%0' INVALID SERVICE SPECIFICATION") << (spec ? spec : "");
+    if (!read_specification("%(class):%(name):%(args)", "%(class):%(name)", specification, parts)) {
+        TVK_LOG(LEVEL_ERR, "CREATE '%0' INVALID SERVICE SPECIFICATION") << (specification ? specification : "");
         return {};
     }
     char const* cls = parts.get_astring(sym_class(), "");
@@ -313,29 +323,29 @@ AutoRef<Service> Service::create(char const* spec) {
         AutoRef<Service> made = f->make(cls, parts.get_astring(sym_name(), ""), parts.get_astring(sym_args(), ""));
         if (tvk_log() > 0)
             TVK_LOG(LEVEL_LOG, "CHECK SERVICE FACTORY %0 %1 = %2")
-                << f->get_class_name() << spec << static_cast<void const*>(made.get());
+                << f->get_class_name() << specification << static_cast<void const*>(made.get());
         if (made) return made;
     }
     return {};
 }
 
-AutoRef<Service> Service::create(char const* spec, ServiceFactory& factory) {
+AutoRef<Service> Service::create(char const* specification, ServiceFactory& factory) {
     Tuple parts;
-    if (!read_spec("%(class):%(name):%(args)", "%(class):%(name)", spec, parts)) {
-        TVK_LOG(LEVEL_ERR, "CREATE '%0' INVALID SERVICE SPECIFICATION") << (spec ? spec : "");
+    if (!read_specification("%(class):%(name):%(args)", "%(class):%(name)", specification, parts)) {
+        TVK_LOG(LEVEL_ERR, "CREATE '%0' INVALID SERVICE SPECIFICATION") << (specification ? specification : "");
         return {};
     }
     AutoRef<Service> made = factory.make(parts.get_astring(sym_class(), ""), parts.get_astring(sym_name(), ""),
                                          parts.get_astring(sym_args(), ""));
     if (tvk_log() > 0)
-        TVK_LOG(LEVEL_LOG, "CHECK SERVICE FACTORY %0 = %1") << spec << static_cast<void const*>(made.get());
+        TVK_LOG(LEVEL_LOG, "CHECK SERVICE FACTORY %0 = %1") << specification << static_cast<void const*>(made.get());
     return made;
 }
 
-AutoRef<Service> Service::bind(char const* spec) {
+AutoRef<Service> Service::bind(char const* specification) {
     Tuple parts;
-    if (!read_spec("%(class):%(name)@%(address)", "%(class):%(name)", spec, parts)) {
-        TVK_LOG(LEVEL_ERR, "BIND '%0' INVALID SERVICE SPECIFICATION") << (spec ? spec : "");
+    if (!read_specification("%(class):%(name)@%(address)", "%(class):%(name)", specification, parts)) {
+        TVK_LOG(LEVEL_ERR, "BIND '%0' INVALID SERVICE SPECIFICATION") << (specification ? specification : "");
         return {};
     }
     char const* cls = parts.get_astring(sym_class(), "");

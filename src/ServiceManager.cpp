@@ -129,16 +129,22 @@ ServiceManagerImpl::~ServiceManagerImpl() {
             }
         }
     }
-    detach();  // in case a caller linked the manager itself to a listener
-    std::vector<Entry> listeners;
+    // The services' links first, so that no service hands this manager out any more; requests still in
+    // flight hold their service and finish, new ones find nothing.
     std::map<Key, AutoRef<Service>> services;
     {
         CriticalSectionHolder hold(cs_);
-        listeners.swap(listeners_);
         services.swap(services_);
+        for (auto& [key, service] : services) service->set_manager_(nullptr);
+    }
+    detach();  // in case a caller linked the manager itself to a listener
+    std::vector<Entry> listeners;
+    {
+        CriticalSectionHolder hold(cs_);
+        listeners.swap(listeners_);
     }
     for (Entry& e : listeners) detach_listener_(e);
-    for (auto& [key, service] : services) service->set_manager_(nullptr);
+    services.clear();
     if (tvk_log() > 0) TVK_LOG(LEVEL_LOG, "DELETE SERVICE MANAGER %0") << static_cast<void const*>(this);
 }
 

@@ -71,7 +71,9 @@ public:
         CallMethod(CallMethod const&) = delete;
         CallMethod& operator=(CallMethod const&) = delete;
 
-        // True for a method whose result a remote caller does not wait for; false here.
+        // True for a method whose result a caller need not wait for; false here. Interface::call asks it,
+        // and runs a one-way method like any other: every call through a manager is answered, so a
+        // remote caller learns that the request arrived and how it ended.
         virtual bool is_oneway();
         // The method itself: reads `in`, fills `out`, returns the call's result.
         virtual long call(Tuple const& in, Tuple& out) = 0;
@@ -135,10 +137,10 @@ public:
     virtual long call(Tuple& session, char const* iface_name, Tuple const& in, Tuple& out);
 
     // Made from a specification string by the registered factories (see the header comment).
-    static AutoRef<Service> create(char const* spec);
-    static AutoRef<Service> create(char const* spec, ServiceFactory& factory);
+    static AutoRef<Service> create(char const* specification);
+    static AutoRef<Service> create(char const* specification, ServiceFactory& factory);
     // Reached by specification string: published in this process, or through a proxy.
-    static AutoRef<Service> bind(char const* spec);
+    static AutoRef<Service> bind(char const* specification);
 
 protected:
     // The interface a call goes to; kNoInterface's record is logged here.
