@@ -43,6 +43,10 @@ void free_name(AString const& name, InprocPort const* port) {
     if (!held || held.get() == port) r.ports.erase(it);
 }
 
+// The port whose worker this thread is, so that a callback stopping its own listener does not wait for
+// its own call.
+thread_local InprocPort const* tls_port = nullptr;
+
 }  // namespace
 
 std::shared_ptr<InprocPort> find_inproc_port(AString const& name) {
@@ -105,6 +109,7 @@ bool InprocPort::is_stopped() {
 }
 
 void InprocPort::run_worker_(Worker* worker) {
+    tls_port = this;
     std::unique_lock<std::mutex> hold(mutex_);
     for (;;) {
         while (queue_.empty() && !stopping_) wake_.wait(hold);
@@ -194,14 +199,19 @@ void InprocPort::stop(int wait_ms) {
     int stuck = 0;
     {
         std::unique_lock<std::mutex> hold(mutex_);
+        int const own = tls_port == this ? 1 : 0;  // stopped from inside a callback of this port
         Deadline deadline = Deadline::in_ms(wait_ms);
         if (deadline.is_never()) {
-            quiet_.wait(hold, [this] { return busy_ == 0; });
+            quiet_.wait(hold, [this, own] { return busy_ <= own; });
         } else {
-            quiet_.wait_until(hold, deadline.when(), [this] { return busy_ == 0; });
+            quiet_.wait_until(hold, deadline.when(), [this, own] { return busy_ <= own; });
         }
         for (auto& w : workers_) {
-            if (w->current) {
+            if (w->thread.get_id() == std::this_thread::get_id()) {
+                // This worker answers its own call, then ends.
+                w->thread.detach();
+                detached_.push_back(static_cast<std::unique_ptr<Worker>&&>(w));
+            } else if (w->current) {
                 w->current->fail(Sender::CALL_PEER_CLOSED);
                 ++stuck;
                 w->thread.detach();
@@ -213,13 +223,7 @@ void InprocPort::stop(int wait_ms) {
         workers_.clear();
     }
     if (stuck) TVK_LOG(LEVEL_ERR, "INPROC LISTENER '%0': %1 WORKERS STILL BUSY AT STOP") << address_ << stuck;
-    for (auto& w : ending) {
-        if (w->thread.get_id() == std::this_thread::get_id()) {
-            w->thread.detach();  // stopped from inside a callback: this worker ends when the callback returns
-        } else {
-            w->thread.join();
-        }
-    }
+    for (auto& w : ending) w->thread.join();
 }
 
 // --- INPROCListener ---------------------------------------------------------------------------------------
