@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "NamedSync-linux.h"
 
 TARVIK_LOG_UNIT()
@@ -12,29 +13,32 @@ TARVIK_LOG_UNIT()
 namespace tarvik::mutex_impl {
 
 struct Handle {
+    explicit Handle(named_sync::Object* o) : object(o) {}
+    ~Handle() { named_sync::close(object); }
+    Handle(Handle const&) = delete;
+    Handle& operator=(Handle const&) = delete;
     named_sync::Object* object;
 };
 
+// Handle is complete only in this half, so the deleter of its unique_ptr is defined here.
+void CloseHandle::operator()(Handle* h) const { std::default_delete<Handle>()(h); }
+
 namespace {
 
-Handle* wrap(named_sync::Object* object) { return object ? new Handle{object} : nullptr; }
+HandlePtr wrap(named_sync::Object* object) {
+    return HandlePtr(object ? memory::create<Handle>(object) : nullptr);
+}
 
 }  // namespace
 
-Handle* create(char const* name) { return wrap(named_sync::open(name, named_sync::Kind::kMutex, true)); }
+HandlePtr create(char const* name) { return wrap(named_sync::open(name, named_sync::Kind::kMutex, true)); }
 
-Handle* open(char const* name) {
+HandlePtr open(char const* name) {
     if (!name) {
         errno = EINVAL;
         return nullptr;
     }
     return wrap(named_sync::open(name, named_sync::Kind::kMutex, false));
-}
-
-void close(Handle* h) {
-    if (!h) return;
-    named_sync::close(h->object);
-    delete h;
 }
 
 int lock(Handle* h, long ms) {
