@@ -21,6 +21,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 #include <memory>
 #include <new>
 #include <type_traits>
@@ -39,6 +40,11 @@ void* allocate_zeroed(std::size_t bytes);
 // malloc that returns null on failure, for a size from input already checked against its limit (rule 2);
 // freed with std::free.
 void* try_allocate(std::size_t bytes);
+
+// The deleter of a unique_ptr that holds a block of allocate(), allocate_zeroed() or try_allocate().
+struct Free {
+    void operator()(void* block) const { std::free(block); }
+};
 
 // new T(args...) (new T{args...} for an aggregate) that never returns null (rule 1), for an owner that is
 // not a unique_ptr (AutoRef, a registry never destroyed). Freed with delete, as any new T.
