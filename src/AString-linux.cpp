@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "LogUnit.h"
+#include "Utf8.h"
 
 TARVIK_LOG_UNIT()
 
@@ -17,32 +18,11 @@ namespace {
 
 // Appends the UTF-8 form of code point cp; false when it does not fit or is not a character.
 bool put_utf8(unsigned long cp, char* dest, unsigned int dest_size, unsigned int& at) {
-    unsigned char bytes[4];
-    unsigned int n;
-    if (cp < 0x80) {
-        bytes[0] = static_cast<unsigned char>(cp);
-        n = 1;
-    } else if (cp < 0x800) {
-        bytes[0] = static_cast<unsigned char>(0xC0 | (cp >> 6));
-        bytes[1] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
-        n = 2;
-    } else if (cp < 0x10000) {
-        if (cp >= 0xD800 && cp <= 0xDFFF) return false;
-        bytes[0] = static_cast<unsigned char>(0xE0 | (cp >> 12));
-        bytes[1] = static_cast<unsigned char>(0x80 | ((cp >> 6) & 0x3F));
-        bytes[2] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
-        n = 3;
-    } else if (cp <= 0x10FFFF) {
-        bytes[0] = static_cast<unsigned char>(0xF0 | (cp >> 18));
-        bytes[1] = static_cast<unsigned char>(0x80 | ((cp >> 12) & 0x3F));
-        bytes[2] = static_cast<unsigned char>(0x80 | ((cp >> 6) & 0x3F));
-        bytes[3] = static_cast<unsigned char>(0x80 | (cp & 0x3F));
-        n = 4;
-    } else {
-        return false;
-    }
+    if (!utf8::is_character(cp)) return false;
+    char bytes[4];
+    unsigned int n = utf8::encode(cp, bytes);
     if (n > dest_size - at) return false;
-    for (unsigned int i = 0; i < n; ++i) dest[at++] = static_cast<char>(bytes[i]);
+    for (unsigned int i = 0; i < n; ++i) dest[at++] = bytes[i];
     return true;
 }
 
@@ -67,59 +47,25 @@ long wide_to_system(wchar_t const* text, unsigned int count, char* dest, unsigne
 
 long units_to_system(WChar const* units, unsigned int count, char* dest, unsigned int dest_size, int* error) {
     unsigned int at = 0;
-    for (unsigned int i = 0; i < count; ++i) {
-        unsigned long cp = units[i];
-        if (cp >= 0xD800 && cp <= 0xDBFF) {  // high surrogate: needs its low half
-            if (i + 1 >= count || units[i + 1] < 0xDC00 || units[i + 1] > 0xDFFF) return fail(error);
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (units[i + 1] - 0xDC00u);
-            ++i;
-        }
-        if (!put_utf8(cp, dest, dest_size, at)) return fail(error);
+    for (unsigned int i = 0; i < count;) {
+        unsigned int taken;
+        unsigned long cp = utf8::from_units(units + i, count - i, taken);
+        if (!put_utf8(cp, dest, dest_size, at)) return fail(error);  // a surrogate left alone fails here
+        i += taken;
     }
     return at;
 }
 
-long utf8_to_units(char const* utf8, unsigned int len, WChar* dest, unsigned int dest_size, int* error) {
-    auto const* s = reinterpret_cast<unsigned char const*>(utf8);
+long utf8_to_units(char const* text, unsigned int len, WChar* dest, unsigned int dest_size, int* error) {
+    auto const* s = reinterpret_cast<unsigned char const*>(text);
     unsigned int at = 0;
     for (unsigned int i = 0; i < len;) {
-        unsigned long cp = s[i];
-        unsigned int extra;
-        unsigned long min;
-        if (cp < 0x80) {
-            extra = 0;
-            min = 0;
-        } else if (cp >= 0xC2 && cp <= 0xDF) {
-            extra = 1;
-            min = 0x80;
-            cp &= 0x1F;
-        } else if (cp >= 0xE0 && cp <= 0xEF) {
-            extra = 2;
-            min = 0x800;
-            cp &= 0x0F;
-        } else if (cp >= 0xF0 && cp <= 0xF4) {
-            extra = 3;
-            min = 0x10000;
-            cp &= 0x07;
-        } else {
-            return fail(error);
-        }
-        if (extra > len - i - 1) return fail(error);
-        for (unsigned int k = 1; k <= extra; ++k) {
-            if ((s[i + k] & 0xC0) != 0x80) return fail(error);
-            cp = (cp << 6) | (s[i + k] & 0x3Fu);
-        }
-        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return fail(error);
-        i += extra + 1;
-        if (cp >= 0x10000) {
-            if (dest_size - at < 2) return fail(error);
-            cp -= 0x10000;
-            dest[at++] = static_cast<WChar>(0xD800 + (cp >> 10));
-            dest[at++] = static_cast<WChar>(0xDC00 + (cp & 0x3FF));
-        } else {
-            if (dest_size - at < 1) return fail(error);
-            dest[at++] = static_cast<WChar>(cp);
-        }
+        utf8::Sequence seq = utf8::decode(s + i, len - i);
+        if (seq.length == 0 || !seq.well_formed) return fail(error);
+        i += seq.length;
+        unsigned int need = seq.code < 0x10000 ? 1 : 2;
+        if (dest_size - at < need) return fail(error);
+        at += utf8::to_units(seq.code, dest + at);
     }
     return at;
 }

@@ -10,6 +10,7 @@
 #include "LogUnit.h"
 #include "Memory.h"
 #include "StringOps.h"
+#include "Utf8.h"
 #include "tarvik/IOBStream.h"
 #include "tarvik/StringBuffer.h"
 
@@ -663,28 +664,14 @@ void DecodeFromUTF8(AString const& utf8, AString& out) {
     auto const* s = reinterpret_cast<unsigned char const*>(utf8.c_str());
     unsigned int n = utf8.length();
     for (unsigned int i = 0; i < n;) {
-        unsigned int lead = s[i];
-        unsigned int extra = lead >= 252 && lead <= 253 ? 5
-                             : lead >= 248 && lead <= 251 ? 4
-                             : lead >= 240 && lead <= 247 ? 3
-                             : lead >= 224 && lead <= 239 ? 2
-                             : lead >= 192 && lead <= 223 ? 1
-                                                          : 0;
-        if (extra == 0) {
-            result.append(1, static_cast<char>(lead));
-            ++i;
-            continue;
-        }
-        if (extra > n - i - 1) break;  // cut short by the end of the text
-        static constexpr unsigned int lead_mask[] = {0, 0x1F, 0x0F, 0x07, 0x03, 0x01};
-        unsigned long long code = lead & lead_mask[extra];
-        for (unsigned int k = 1; k <= extra; ++k) code = (code << 6) | (s[i + k] & 0x3Fu);
-        i += extra + 1;
-        if (code < 65536) {
-            result.append(1, static_cast<char>(code & 0xFF));
+        utf8::Sequence seq = utf8::decode(s + i, n - i);
+        if (seq.length == 0) break;  // cut short by the end of the text
+        i += seq.length;
+        if (seq.code < 65536) {
+            result.append(1, static_cast<char>(seq.code & 0xFF));
         } else {
-            result.append(1, static_cast<char>((code / 65535) & 0xFF));
-            result.append(1, static_cast<char>((code % 65535) & 0xFF));
+            result.append(1, static_cast<char>((seq.code / 65535) & 0xFF));
+            result.append(1, static_cast<char>((seq.code % 65535) & 0xFF));
         }
     }
     out.splice(result);

@@ -92,7 +92,7 @@ namespace {
 
 struct FactoryList {
     CriticalSection lock;
-    RefFactory* head = nullptr;
+    RefFactory* head TARVIK_GUARDED_BY(lock) = nullptr;
 };
 
 FactoryList& factories() {

@@ -40,8 +40,7 @@ void BaseList::reserve_nodes_(unsigned int n) {
     chain_fresh_nodes_();
     auto* chunk = static_cast<Chunk*>(memory::allocate_small(kChunkHeader + count * node_size_));
     chunk->count = static_cast<unsigned int>(count);
-    chunk->next = chunks_;
-    chunks_ = chunk;
+    chunks_.push_back(chunk);
     fresh_ = reinterpret_cast<char*>(chunk) + kChunkHeader;
     fresh_end_ = fresh_ + count * node_size_;
     free_count_ += chunk->count;
@@ -62,11 +61,9 @@ void BaseList::grow_pool_() {
 }
 
 void BaseList::free_all_() {
-    while (chunks_) {
-        Chunk* next = chunks_->next;
-        memory::release_small(chunks_, kChunkHeader + chunks_->count * node_size_);
-        chunks_ = next;
-    }
+    chunks_.release_all([this](Chunk* chunk) {
+        memory::release_small(chunk, kChunkHeader + chunk->count * node_size_);
+    });
     head_.next = head_.prev = &head_;
     size_ = 0;
     free_ = nullptr;
@@ -86,25 +83,19 @@ void BaseList::take_all_(BaseList& other) {
     head_.prev = last;
     size_ += other.size_;
     // The nodes live in the other's chunks: those chunks, and their unused nodes, come along.
-    if (other.chunks_) {
-        Chunk* tail = other.chunks_;
-        while (tail->next) tail = tail->next;
-        tail->next = chunks_;
-        chunks_ = other.chunks_;
-    }
+    chunks_.append(other.chunks_);
     other.chain_fresh_nodes_();
     while (other.free_) {
         ListNodeBase* n = other.free_;
         other.free_ = n->next;
         release_node_(n);
     }
-    other.chunks_ = nullptr;
     other.free_count_ = 0;
     other.free_all_();
 }
 
 void BaseList::move_from_(BaseList& other) noexcept {
-    chunks_ = other.chunks_;
+    chunks_.append(other.chunks_);
     free_ = other.free_;
     fresh_ = other.fresh_;
     fresh_end_ = other.fresh_end_;
@@ -119,7 +110,6 @@ void BaseList::move_from_(BaseList& other) noexcept {
     } else {
         head_.next = head_.prev = &head_;
     }
-    other.chunks_ = nullptr;
     other.free_all_();
 }
 

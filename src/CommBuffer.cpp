@@ -145,28 +145,17 @@ CommBuffer::Page* CommBuffer::add_page_(unsigned int capacity, bool with_header)
     page->owner = this;
     page->used = 0;
     page->capacity = capacity;
-    page->next = nullptr;
     if (with_header && capacity >= kHeaderSize) {
         page->used = kHeaderSize;
         page->write_header();  // so that the header bytes are never undefined
         size_ += kHeaderSize;
     }
-    if (last_) {
-        last_->next = page;
-    } else {
-        first_ = page;
-    }
-    last_ = page;
+    pages_.push_back(page);
     return page;
 }
 
 void CommBuffer::free_pages_() {
-    for (Page* p = first_; p;) {
-        Page* next = p->next;
-        std::free(p);
-        p = next;
-    }
-    first_ = last_ = nullptr;
+    pages_.release_all([](Page* p) { std::free(p); });
     size_ = 0;
 }
 
@@ -203,12 +192,12 @@ void CommBuffer::copy_from_(CommBuffer const& other) {
     drop_names_();
     for (SymbolEntry const* entry : other.dictionary_) add_name_(entry);
     ascii_ = other.ascii_;
-    for (Page const* p = other.first_; p; p = p->next) {
+    for (Page const* p = other.pages_.first(); p; p = p->next) {
         Page* copy = add_page_(p->capacity, false);
         std::memcpy(copy, p, sizeof(Page));
         std::memcpy(copy->data(), p->data(), p->used);
         copy->owner = this;
-        copy->next = nullptr;
+        copy->next = nullptr;  // the memcpy brought the source's link
     }
     size_ = other.size_;
     pos_ = Pos();
@@ -219,14 +208,12 @@ void CommBuffer::splice(CommBuffer& other) {
     clear();
     page_size_ = other.page_size_;
     size_ = other.size_;
-    first_ = other.first_;
-    last_ = other.last_;
+    pages_.append(other.pages_);
     ascii_ = other.ascii_;
     dictionary_ = static_cast<Array<SymbolEntry const*>&&>(other.dictionary_);
     name_index_ = other.name_index_;
     other.name_index_ = nullptr;
-    for (Page* p = first_; p; p = p->next) p->owner = this;
-    other.first_ = other.last_ = nullptr;
+    for (Page* p = pages_.first(); p; p = p->next) p->owner = this;
     other.size_ = 0;
     other.pos_ = Pos();
     pos_ = Pos();
@@ -240,8 +227,8 @@ void CommBuffer::clear() {
 
 bool CommBuffer::operator==(CommBuffer const& other) const {
     if (size_ != other.size_) return false;
-    Page const* a = first_;
-    Page const* b = other.first_;
+    Page const* a = pages_.first();
+    Page const* b = other.pages_.first();
     for (; a && b; a = a->next, b = b->next) {
         if (a->used != b->used || std::memcmp(a->data(), b->data(), a->used) != 0) return false;
     }
@@ -249,7 +236,7 @@ bool CommBuffer::operator==(CommBuffer const& other) const {
 }
 
 void CommBuffer::update_ascii_flags() {
-    for (Page* p = first_; p; p = p->next) {
+    for (Page* p = pages_.first(); p; p = p->next) {
         if (ascii_) {
             bool has = false;
             for (char f : p->flags) has = has || f == 'a';
@@ -267,29 +254,29 @@ void CommBuffer::update_ascii_flags() {
 }
 
 void CommBuffer::update_headers() {
-    for (Page* p = first_; p; p = p->next) p->write_header();
+    for (Page* p = pages_.first(); p; p = p->next) p->write_header();
 }
 
 // --- raw bytes ----------------------------------------------------------------------------------------
 
 unsigned int CommBuffer::write_byte(unsigned char const* bytes, unsigned int n) {
     if (n == 0) return 0;  // an empty blob has no content at all: nothing to copy from
-    if (last_ && last_->capacity - last_->used >= n) {  // fits in the last page: the common case
-        copy_bytes(last_->data() + last_->used, bytes, n);
-        last_->used += n;
+    if (pages_.last() && pages_.last()->capacity - pages_.last()->used >= n) {  // fits in the last page: the common case
+        copy_bytes(pages_.last()->data() + pages_.last()->used, bytes, n);
+        pages_.last()->used += n;
         size_ += n;
         return n;
     }
     unsigned int done = 0;
     while (done < n) {
-        if (!last_ || last_->used >= last_->capacity) {
+        if (!pages_.last() || pages_.last()->used >= pages_.last()->capacity) {
             add_page_(page_size_, true);
-            if (last_->used >= last_->capacity) break;  // pages of 21 bytes hold no values
+            if (pages_.last()->used >= pages_.last()->capacity) break;  // pages of 21 bytes hold no values
         }
-        unsigned int room = last_->capacity - last_->used;
+        unsigned int room = pages_.last()->capacity - pages_.last()->used;
         unsigned int k = n - done < room ? n - done : room;
-        std::memcpy(last_->data() + last_->used, bytes + done, k);
-        last_->used += k;
+        std::memcpy(pages_.last()->data() + pages_.last()->used, bytes + done, k);
+        pages_.last()->used += k;
         size_ += k;
         done += k;
     }
@@ -297,9 +284,9 @@ unsigned int CommBuffer::write_byte(unsigned char const* bytes, unsigned int n) 
 }
 
 unsigned char* CommBuffer::allocate(unsigned int& room) {
-    if (!last_ || last_->used >= last_->capacity) add_page_(page_size_, false);
-    room = last_->capacity - last_->used;
-    return last_->data() + last_->used;
+    if (!pages_.last() || pages_.last()->used >= pages_.last()->capacity) add_page_(page_size_, false);
+    room = pages_.last()->capacity - pages_.last()->used;
+    return pages_.last()->data() + pages_.last()->used;
 }
 
 unsigned char* CommBuffer::allocate_in_new_page(unsigned int capacity, bool with_header) {
@@ -308,12 +295,12 @@ unsigned char* CommBuffer::allocate_in_new_page(unsigned int capacity, bool with
 }
 
 unsigned int CommBuffer::add_size(unsigned int n) {
-    if (!last_ || n > last_->capacity - last_->used) {
-        TVK_LOG(LEVEL_ERR, "WRONG ADD SIZE %0 [%1/%2]") << n << (last_ ? last_->used : 0u)
-                                                         << (last_ ? last_->capacity : 0u);
+    if (!pages_.last() || n > pages_.last()->capacity - pages_.last()->used) {
+        TVK_LOG(LEVEL_ERR, "WRONG ADD SIZE %0 [%1/%2]") << n << (pages_.last() ? pages_.last()->used : 0u)
+                                                         << (pages_.last() ? pages_.last()->capacity : 0u);
         return size_;
     }
-    last_->used += n;
+    pages_.last()->used += n;
     size_ += n;
     return size_;
 }
@@ -349,15 +336,15 @@ unsigned int decode_in_page(bool is_signed, CommBuffer::Pos& pos, unsigned long 
 }  // namespace
 
 bool CommBuffer::next_byte_(unsigned char& byte) const {
-    if (!settle(pos_, first_)) return false;
+    if (!settle(pos_, pages_.first())) return false;
     byte = pos_.page->data()[pos_.offset++];
     return true;
 }
 
 long CommBuffer::read_byte(unsigned char* dest, unsigned int n) const {
-    if (!first_) return -1;
+    if (!pages_.first()) return -1;
     unsigned int done = 0;
-    while (done < n && settle(pos_, first_)) {
+    while (done < n && settle(pos_, pages_.first())) {
         unsigned int left = pos_.page->used - pos_.offset;
         unsigned int k = n - done < left ? n - done : left;
         std::memcpy(dest + done, pos_.page->data() + pos_.offset, k);
@@ -374,7 +361,7 @@ bool CommBuffer::read_exact_(void* dest, unsigned int n) const {
 
 unsigned int CommBuffer::remaining() const {
     Pos pos = pos_;
-    if (!settle(pos, first_)) return 0;
+    if (!settle(pos, pages_.first())) return 0;
     unsigned long long left = pos.page->used - pos.offset;
     for (Page const* p = pos.page->next; p; p = p->next)
         if (p->used > kHeaderSize) left += p->used - kHeaderSize;
@@ -384,7 +371,7 @@ unsigned int CommBuffer::remaining() const {
 bool CommBuffer::remains(unsigned long long n) const {
     if (n == 0) return true;
     Pos pos = pos_;
-    if (!settle(pos, first_)) return false;
+    if (!settle(pos, pages_.first())) return false;
     unsigned long long left = pos.page->used - pos.offset;
     for (Page const* p = pos.page->next; p && left < n; p = p->next)
         if (p->used > kHeaderSize) left += p->used - kHeaderSize;
@@ -395,7 +382,7 @@ unsigned int CommBuffer::bytes_since(Pos const& before) const {
     if (pos_.rewind_pending) return 0;
     Pos from = before;
     if (from.rewind_pending) {
-        from.page = first_;
+        from.page = pages_.first();
         from.offset = kHeaderSize;
     }
     unsigned long long n = 0;
@@ -413,9 +400,9 @@ unsigned int CommBuffer::bytes_since(Pos const& before) const {
 // Integers are encoded straight into the last page when it has room for the longest form (11 bytes).
 template <class T>
 long CommBuffer::write_number_(T value) {
-    if (last_ && last_->capacity - last_->used >= 12) {
-        unsigned int n = encode_item_(value, last_->data() + last_->used);
-        last_->used += n;
+    if (pages_.last() && pages_.last()->capacity - pages_.last()->used >= 12) {
+        unsigned int n = encode_item_(value, pages_.last()->data() + pages_.last()->used);
+        pages_.last()->used += n;
         size_ += n;
         return n;
     }
@@ -445,10 +432,10 @@ unsigned int CommBuffer::encode_signed_(long long v, unsigned char* out) {
     return 1 + encode_unsigned_(magnitude >> 7, out + 1);
 }
 
-bool CommBuffer::settle_() const { return settle(pos_, first_); }
+bool CommBuffer::settle_() const { return settle(pos_, pages_.first()); }
 
 unsigned int CommBuffer::read_unsigned_(unsigned long long& value) const {
-    if (settle(pos_, first_)) {
+    if (settle(pos_, pages_.first())) {
         if (unsigned int n = decode_in_page(false, pos_, value)) return n;
     }
     unsigned long long v = 0;
@@ -466,7 +453,7 @@ unsigned int CommBuffer::read_unsigned_(unsigned long long& value) const {
 }
 
 unsigned int CommBuffer::read_signed_(long long& value) const {
-    if (settle(pos_, first_)) {
+    if (settle(pos_, pages_.first())) {
         unsigned char const* p = pos_.page->data() + pos_.offset;
         if (pos_.page->used - pos_.offset >= 2 && p[1] == 0x80) {
             // A small number (type codes, dictionary positions): sign and 7 bits, then the end mark.
@@ -651,7 +638,7 @@ long CommBuffer::write(AString const& v) {
 long CommBuffer::read(AString& v) const {
     unsigned long long length = 0;
     unsigned int n = read_unsigned_(length);
-    if (length != 0 && settle(pos_, first_) && pos_.page->used - pos_.offset >= length) {
+    if (length != 0 && settle(pos_, pages_.first()) && pos_.page->used - pos_.offset >= length) {
         // The whole text lies in this page: one copy from there.
         v.assign(reinterpret_cast<char const*>(pos_.page->data() + pos_.offset), static_cast<unsigned int>(length));
         pos_.offset += static_cast<unsigned int>(length);
@@ -780,7 +767,7 @@ long CommBuffer::read(Symbol& v) const {
         return -1;
     }
     auto length = static_cast<unsigned int>(n);
-    if (settle(pos_, first_) && pos_.page->used - pos_.offset >= length) {
+    if (settle(pos_, pages_.first()) && pos_.page->used - pos_.offset >= length) {
         // The whole name lies in this page: intern it from there, without a copy.
         v = Symbol(reinterpret_cast<char const*>(pos_.page->data() + pos_.offset), length);
         pos_.offset += length;
@@ -815,7 +802,7 @@ long CommBuffer::read(Tuple& v) const { return v.read(*this); }
 
 long CommBuffer::write(OBStream& out) const {
     long total = 0;
-    for (Page* p = first_; p; p = p->next) {
+    for (Page* p = pages_.first(); p; p = p->next) {
         p->last = p->next == nullptr;
         p->write_header();
         out.put(reinterpret_cast<char const*>(p->data()), p->used);
@@ -865,13 +852,7 @@ long CommBuffer::read(IBStream& in) {
         page->owner = this;
         page->used = filled;
         page->capacity = room;
-        page->next = nullptr;
-        if (last_) {
-            last_->next = page;
-        } else {
-            first_ = page;
-        }
-        last_ = page;
+        pages_.push_back(page);
         size_ += filled;
         if (!page->update_from_header()) return -1;
         total += filled;

@@ -3,7 +3,7 @@
 // A Deadline is a point on the monotonic clock, fixed when it is made from a time-out in milliseconds, so
 // that a loop that waits in several steps (a retry, a partial read, a spurious wake-up) spends the time-out
 // once in all, not once per step, and is not moved by changes of the wall clock. A negative time-out
-// means "never": such a deadline is never expired and has the whole range of an int left.
+// means "never": such a deadline is never expired (ms_left() gives -1 for it, left() the longest duration).
 //
 // Thread safety: a Deadline is a plain value; const operations may be called from any thread.
 #pragma once
@@ -18,9 +18,12 @@ class Deadline {
 public:
     using Clock = std::chrono::steady_clock;
 
-    // A deadline `ms` milliseconds from now; a negative `ms` never expires.
+    // A deadline `ms` milliseconds from now; a negative `ms` never expires. A time-out beyond a century is
+    // taken as a century, so that the clock's range is never exceeded.
     static Deadline in_ms(std::int64_t ms) {
-        return ms < 0 ? Deadline() : Deadline(Clock::now() + std::chrono::milliseconds(ms));
+        constexpr std::int64_t kLongestMs = std::int64_t{100} * 366 * 24 * 3600 * 1000;
+        if (ms < 0) return Deadline();
+        return Deadline(Clock::now() + std::chrono::milliseconds(ms < kLongestMs ? ms : kLongestMs));
     }
     // A deadline that is never reached.
     static Deadline never() { return Deadline(); }

@@ -9,16 +9,15 @@
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "Deadline.h"
 #include "LogUnit.h"
 #include "Memory.h"
 
@@ -194,12 +193,6 @@ constexpr std::uint32_t kWatchEnded = IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED
 // Reads per wait: a directory that changes without pause still lets the caller have its batch.
 constexpr int kMaxReads = 16;
 
-std::int64_t monotonic_ms() {
-    timespec now;
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
-
 void drain_wake(int fd) {
     std::uint64_t count;
     while (::read(fd, &count, sizeof count) < 0 && errno == EINTR) {
@@ -267,16 +260,10 @@ WatchPtr open_watch(char const* path) {
 long wait_changes(Watch* watch, long long timeout_ms, Array<Directory::Change>& out, bool& ended) {
     ended = watch->ended;
     if (ended) return 0;
-    std::int64_t const deadline = timeout_ms > 0 ? monotonic_ms() + timeout_ms : 0;
+    Deadline const deadline = Deadline::in_ms(timeout_ms);  // 0: only looks; negative: never
     pollfd fds[2] = {{watch->inotify, POLLIN, 0}, {watch->wake, POLLIN, 0}};
     for (;;) {
-        int wait = -1;
-        if (timeout_ms == 0) wait = 0;
-        if (timeout_ms > 0) {
-            std::int64_t left = deadline - monotonic_ms();
-            wait = left <= 0 ? 0 : (left > INT_MAX ? INT_MAX : static_cast<int>(left));
-        }
-        int r = ::poll(fds, 2, wait);
+        int r = ::poll(fds, 2, deadline.ms_left());
         if (r >= 0) break;
         if (errno != EINTR) return -1;
     }

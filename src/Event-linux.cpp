@@ -27,7 +27,7 @@ void close(Handle* h) {
 }
 
 bool set(Handle* h) {
-    if (named_sync::lock(h->object, nullptr) != 0) return false;
+    if (named_sync::lock(h->object, Deadline::never()) != 0) return false;
     h->object->shared->signaled = 1;
     pthread_cond_signal(&h->object->shared->cond);  // auto-reset: one waiter takes it
     named_sync::unlock(h->object);
@@ -35,20 +35,21 @@ bool set(Handle* h) {
 }
 
 bool reset(Handle* h) {
-    if (named_sync::lock(h->object, nullptr) != 0) return false;
+    if (named_sync::lock(h->object, Deadline::never()) != 0) return false;
     h->object->shared->signaled = 0;
     named_sync::unlock(h->object);
     return true;
 }
 
 int wait(Handle* h, unsigned int ms) {
-    int r = named_sync::lock(h->object, nullptr);
+    Deadline const until = Deadline::in_ms(ms);
+    int r = named_sync::lock(h->object, Deadline::never());  // held only briefly by anyone
     if (r != 0) {
         errno = r;
         return -1;
     }
     named_sync::Shared* s = h->object->shared;
-    struct timespec deadline = named_sync::deadline_in(ms, CLOCK_MONOTONIC);
+    struct timespec const deadline = named_sync::monotonic_time(until);
     while (!s->signaled) {
         r = pthread_cond_timedwait(&s->cond, &s->mutex, &deadline);
         if (r == EOWNERDEAD) {

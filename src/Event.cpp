@@ -1,5 +1,6 @@
 #include "tarvik/Event.h"
 
+#include "Deadline.h"
 #include "EventImpl.h"
 #include "LogUnit.h"
 #include "tarvik/System.h"
@@ -7,6 +8,13 @@
 TARVIK_LOG_UNIT()
 
 namespace tarvik {
+
+namespace {
+
+// No wait blocks for more than a second at a time.
+constexpr int kSliceMs = 1000;
+
+}  // namespace
 
 Event::Event(bool create_now) {
     if (create_now) create(nullptr);
@@ -62,15 +70,13 @@ bool Event::reset() {
 
 bool Event::wait(TimePeriod const& timeout) {
     if (!handle_) return false;
-    bool limited = timeout > TimePeriod();
-    TimeDate const end = TimeDate::now() + timeout;
+    // Whole milliseconds, rounded up so that a time-out shorter than one still waits.
+    Deadline const deadline =
+        timeout > TimePeriod() ? Deadline::in_ms((timeout.to_microseconds() + 999) / 1000) : Deadline::never();
     for (;;) {
-        unsigned int slice = 1000;
-        if (limited) {
-            TimePeriod left = end - TimeDate::now();
-            if (left <= TimePeriod()) return false;
-            if (left.to_milliseconds() < slice) slice = static_cast<unsigned int>(left.to_milliseconds());
-        }
+        if (deadline.expired()) return false;
+        int const left = deadline.ms_left();
+        unsigned int const slice = left < 0 || left > kSliceMs ? kSliceMs : static_cast<unsigned int>(left);
         int r = event_impl::wait(handle_, slice);
         if (r > 0) {
             if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "EVENT '%0' SIGNALED") << name_;

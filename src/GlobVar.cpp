@@ -43,16 +43,16 @@ namespace {
 // and never destroyed, so variables of any static lifetime can bind and release safely.
 struct Registry {
     CriticalSection lock;
-    std::unique_ptr<GlobVarModule> modules;
+    std::unique_ptr<GlobVarModule> modules TARVIK_GUARDED_BY(lock);
     std::atomic<int> default_level{0};
 
-    GlobVarModule* find_module(Symbol const& name) const {
+    GlobVarModule* find_module(Symbol const& name) const TARVIK_REQUIRES(lock) {
         for (GlobVarModule* m = modules.get(); m; m = m->next.get())
             if (m->name == name) return m;
         return nullptr;
     }
 
-    GlobVarEntry* find_entry(Symbol const& module, Symbol const& name, GlobVar::Kind kind) const {
+    GlobVarEntry* find_entry(Symbol const& module, Symbol const& name, GlobVar::Kind kind) const TARVIK_REQUIRES(lock) {
         GlobVarModule* m = find_module(module);
         if (!m) return nullptr;
         for (GlobVarEntry* e = m->variables.get(); e; e = e->next.get())
@@ -60,7 +60,7 @@ struct Registry {
         return nullptr;
     }
 
-    GlobVarEntry* bind(Symbol const& module, Symbol const& name, GlobVar::Kind kind) {
+    GlobVarEntry* bind(Symbol const& module, Symbol const& name, GlobVar::Kind kind) TARVIK_REQUIRES(lock) {
         GlobVarModule* m = find_module(module);
         if (!m) {
             std::unique_ptr<GlobVarModule> made = memory::make_unique<GlobVarModule>();
@@ -85,7 +85,7 @@ struct Registry {
         return e;
     }
 
-    void release(GlobVarEntry* entry) {
+    void release(GlobVarEntry* entry) TARVIK_REQUIRES(lock) {
         GlobVarModule* m = entry->module;
         if (--entry->count > 0) return;
         // Unlinking frees: each link owns the node it points to.

@@ -25,8 +25,8 @@ constexpr int kLineWidth = 132;
 // destroyed, so records raised during static destruction still find it.
 struct Registry {
     CriticalSection lock;
-    List<AutoRef<LogHook>> hooks;
-    bool dispatching = false;
+    List<AutoRef<LogHook>> hooks TARVIK_GUARDED_BY(lock);
+    bool dispatching TARVIK_GUARDED_BY(lock) = false;
 };
 
 Registry& registry() {
@@ -291,11 +291,11 @@ public:
 
 private:
     CriticalSection lock_;
-    bool active_ = false;
-    Path directory_;
-    OBStream out_;
-    TimePeriod period_{3600, 0, false};
-    TimeDate opened_;
+    bool active_ TARVIK_GUARDED_BY(lock_) = false;
+    Path directory_;  // set once by the constructor
+    OBStream out_ TARVIK_GUARDED_BY(lock_);
+    TimePeriod period_{3600, 0, false};  // set once by the constructor
+    TimeDate opened_ TARVIK_GUARDED_BY(lock_);
 };
 
 }  // namespace
@@ -323,7 +323,7 @@ public:
 
 private:
     CriticalSection lock_;
-    ListTuple caught_;
+    ListTuple caught_ TARVIK_GUARDED_BY(lock_);
 };
 
 }  // namespace

@@ -42,9 +42,7 @@ HandlePtr open(char const* name) {
 }
 
 int lock(Handle* h, long ms) {
-    struct timespec deadline;
-    if (ms >= 0) deadline = named_sync::deadline_in(static_cast<unsigned int>(ms), CLOCK_REALTIME);
-    int r = named_sync::lock(h->object, ms >= 0 ? &deadline : nullptr);
+    int r = named_sync::lock(h->object, Deadline::in_ms(ms));
     if (r == 0) return 1;
     if (r == ETIMEDOUT) return 0;
     errno = r;

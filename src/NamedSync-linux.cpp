@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <new>
@@ -40,12 +41,16 @@ void init_state(Shared* s, Kind kind, bool process_shared) {
     s->ready.store(1, std::memory_order_release);
 }
 
-// "/tvk.<kind>.<name>" with every '/' of the name made '_' (a shared-memory name holds one '/').
-// Waits (briefly) until a freshly created object has its size and its state.
+// How long an opener waits for the creator in another process to size and initialise the object.
+constexpr int kInitWaitMs = 1000;
+
+// Waits (briefly) until a freshly created object has its size.
 bool wait_initialised(int fd) {
-    for (int i = 0; i < 1000; ++i) {
+    Deadline const deadline = Deadline::in_ms(kInitWaitMs);
+    for (;;) {
         struct stat st;
         if (::fstat(fd, &st) == 0 && st.st_size >= static_cast<off_t>(sizeof(Shared))) return true;
+        if (deadline.expired()) break;
         ::usleep(1000);
     }
     errno = ETIMEDOUT;
@@ -117,8 +122,8 @@ Object* open(char const* name, Kind kind, bool create) {
         if (created) {
             init_state(object->shared, kind, true);
         } else {
-            for (int i = 0; i < 1000 && object->shared->ready.load(std::memory_order_acquire) != 1; ++i)
-                ::usleep(1000);
+            Deadline const deadline = Deadline::in_ms(kInitWaitMs);
+            while (object->shared->ready.load(std::memory_order_acquire) != 1 && !deadline.expired()) ::usleep(1000);
         }
         return object;
     }
@@ -139,9 +144,14 @@ void close(Object* object) {
     delete object;
 }
 
-int lock(Object* object, struct timespec const* deadline) {
-    int r = deadline ? pthread_mutex_timedlock(&object->shared->mutex, deadline)
-                     : pthread_mutex_lock(&object->shared->mutex);
+int lock(Object* object, Deadline const& deadline) {
+    int r;
+    if (deadline.is_never()) {
+        r = pthread_mutex_lock(&object->shared->mutex);
+    } else {
+        struct timespec const until = monotonic_time(deadline);
+        r = pthread_mutex_clocklock(&object->shared->mutex, CLOCK_MONOTONIC, &until);
+    }
     if (r == EOWNERDEAD) {  // its owner died holding it: the state is ours to take over
         pthread_mutex_consistent(&object->shared->mutex);
         r = 0;
@@ -160,15 +170,13 @@ int try_lock(Object* object) {
 
 void unlock(Object* object) { pthread_mutex_unlock(&object->shared->mutex); }
 
-struct timespec deadline_in(unsigned int ms, clockid_t clock) {
+struct timespec monotonic_time(Deadline const& deadline) {
+    // The steady clock of the C++ library on Linux is CLOCK_MONOTONIC, counted from the same origin.
+    auto const since = deadline.when().time_since_epoch();
+    auto const seconds = std::chrono::duration_cast<std::chrono::seconds>(since);
     struct timespec t;
-    ::clock_gettime(clock, &t);
-    t.tv_sec += ms / 1000;
-    t.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-    if (t.tv_nsec >= 1000000000L) {
-        t.tv_sec += 1;
-        t.tv_nsec -= 1000000000L;
-    }
+    t.tv_sec = static_cast<time_t>(seconds.count());
+    t.tv_nsec = static_cast<long>(std::chrono::duration_cast<std::chrono::nanoseconds>(since - seconds).count());
     return t;
 }
 

@@ -11,6 +11,8 @@
 
 #include <atomic>
 
+#include "Deadline.h"
+
 namespace tarvik::named_sync {
 
 struct Shared {
@@ -36,12 +38,14 @@ bool make_path(char const* kind, char const* name, char (&path)[256]);
 // when `create` is false. Null on failure, with errno set.
 Object* open(char const* name, Kind kind, bool create);
 void close(Object* object);
-// Locks the object's mutex; a lock abandoned by a dead owner is taken over. `deadline` (CLOCK_REALTIME)
-// may be null. 0 when locked, else the error number (ETIMEDOUT on time-out).
-int lock(Object* object, struct timespec const* deadline);
+// Locks the object's mutex, waiting at most until the deadline; a lock abandoned by a dead owner is taken
+// over. 0 when locked, else the error number (ETIMEDOUT on time-out).
+int lock(Object* object, Deadline const& deadline);
 int try_lock(Object* object);
 void unlock(Object* object);
-// The absolute time `ms` milliseconds from now on the given clock.
-struct timespec deadline_in(unsigned int ms, clockid_t clock);
+// The deadline as an absolute time of CLOCK_MONOTONIC (the clock of Deadline and of the objects'
+// condition variables), for the pthread calls that wait until a given time. Not for a deadline that never
+// expires.
+struct timespec monotonic_time(Deadline const& deadline);
 
 }  // namespace tarvik::named_sync

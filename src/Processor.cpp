@@ -1,7 +1,6 @@
 #include "tarvik/Processor.h"
 
-#include <chrono>
-
+#include "Deadline.h"
 #include "LogUnit.h"
 #include "ThreadImpl.h"
 #include "tarvik/CriticalSection.h"
@@ -15,14 +14,18 @@ namespace tarvik {
 namespace {
 
 constexpr int kWorkWaitMs = 500;
-constexpr int kTerminateIdleMs = 500;
-constexpr int kTerminateThreadsMs = 1000;
+// The longest single wait of a waiter: it looks at the processor again at least this often.
+constexpr int kWaitSliceMs = 1000;
+// terminate(): the time for the processor to become idle and its workers to end, together.
+constexpr int kTerminateWaitMs = 1000;
+constexpr int kTerminatePollMs = 50;
 constexpr unsigned int kTerminateGraceMs = 3000;
 
-// Guards the counters of every action (and their reference counts).
-CriticalSection& action_counters() {
-    static CriticalSection* const section = new CriticalSection;
-    return *section;
+// One wait of at most `max_ms` within the deadline, never 0 (which an event takes as "no limit").
+TimePeriod slice(Deadline const& deadline, int max_ms) {
+    int const left = deadline.ms_left();
+    int const ms = left < 0 || left > max_ms ? max_ms : left;
+    return TimePeriod(0, ms < 1 ? 1 : ms, true);
 }
 
 }  // namespace
@@ -32,24 +35,29 @@ CriticalSection& action_counters() {
 Action::Action() = default;
 Action::~Action() = default;
 
-CriticalSection& Action::get_cs() { return action_counters(); }
+CriticalSection& Action::counter_lock_() {
+    static CriticalSection* const section = new CriticalSection;
+    return *section;
+}
+
+CriticalSection& Action::get_cs() { return counter_lock_(); }
 
 void Action::run() {}
 
 bool Action::is_running() {
-    CriticalSectionHolder hold(action_counters());
+    CriticalSectionHolder hold(counter_lock_());
     return running_ > 0;
 }
 
 void Action::submit(Processor& processor) { processor.submit(AutoRef<Action>(this)); }
 
 void Action::submit() {
-    CriticalSectionHolder hold(action_counters());
+    CriticalSectionHolder hold(counter_lock_());
     ++submitted_;
 }
 
 void Action::unsubmit() {
-    CriticalSectionHolder hold(action_counters());
+    CriticalSectionHolder hold(counter_lock_());
     --submitted_;
 }
 
@@ -72,17 +80,17 @@ void Action::abort(Processor& processor, bool wait) {
 int Action::wait(Processor& processor, int timeout_ms) { return processor.waitAction(AutoRef<Action>(this), timeout_ms); }
 
 int Action::get_submitted() {
-    CriticalSectionHolder hold(action_counters());
+    CriticalSectionHolder hold(counter_lock_());
     return submitted_;
 }
 
 int Action::get_running() {
-    CriticalSectionHolder hold(action_counters());
+    CriticalSectionHolder hold(counter_lock_());
     return running_;
 }
 
 int Action::get_runs() {
-    CriticalSectionHolder hold(action_counters());
+    CriticalSectionHolder hold(counter_lock_());
     return runs_;
 }
 
@@ -113,64 +121,70 @@ void ActionGroup::reset() {
 
 class Worker;
 
+// Lock order: action_lock_ and thread_lock_ are never held together. A submission appends under the action
+// lock and releases it before the check for an idle worker takes the thread lock; a worker takes an action
+// under the action lock and marks itself busy afterwards under the thread lock. The queue and running counts
+// are atomics so that the check reads them under the thread lock alone. Inside either lock only the action
+// counters' process-wide lock (Action::counter_lock_()) and, when a worker is started, the process-wide
+// lock of thread records are taken.
 class ProcessorImpl {
 public:
     ProcessorImpl(Processor* owner, int max_threads) : owner_(owner), max_threads_(max_threads < 0 ? 0 : max_threads) {}
 
-    void submit(AutoRef<Action> const& action);
-    void remove_submitted(AutoRef<Action> const& action);
+    void submit(AutoRef<Action> const& action) TARVIK_EXCLUDES(action_lock_, thread_lock_);
+    void remove_submitted(AutoRef<Action> const& action) TARVIK_EXCLUDES(action_lock_, thread_lock_);
     void pause() { paused_.store(true); }
     void resume() {
         paused_.store(false);
         work_.signal();
         changed_.signal();
     }
-    void stop_all(bool abort);
-    void wait_idle(int limit_ms);
-    int wait_action(AutoRef<Action> const& action, int timeout_ms);
-    void terminate();
+    void stop_all(bool abort) TARVIK_EXCLUDES(action_lock_, thread_lock_);
+    // Returns once idle, or when the deadline has passed.
+    void wait_idle(Deadline const& deadline) TARVIK_EXCLUDES(action_lock_, thread_lock_);
+    int wait_action(AutoRef<Action> const& action, int timeout_ms) TARVIK_EXCLUDES(action_lock_, thread_lock_);
+    void terminate() TARVIK_EXCLUDES(action_lock_, thread_lock_);
 
-    int thread_count() {
+    int thread_count() TARVIK_EXCLUDES(action_lock_, thread_lock_) {
         CriticalSectionHolder hold(thread_lock_);
         return static_cast<int>(threads_.size());
     }
     int max_threads() const { return max_threads_; }
-    int submitted_count() {
-        CriticalSectionHolder hold(action_lock_);
-        return nb_submitted_action_;
-    }
-    int running_count() {
-        CriticalSectionHolder hold(action_lock_);
-        return nb_running_;
-    }
+    int submitted_count() const { return nb_submitted_action_.load(); }
+    int running_count() const { return nb_running_.load(); }
 
     // Worker side.
     bool paused() const { return paused_.load(); }
-    AutoRef<Action> take_next(Worker* worker);
+    AutoRef<Action> take_next() TARVIK_EXCLUDES(action_lock_, thread_lock_);
     void run_action(AutoRef<Action> const& action);
-    void finished(AutoRef<Action> const& action);
-    void set_free(Worker* worker, bool free);
-    void worker_ended(Worker* worker);
+    void finished(AutoRef<Action> const& action) TARVIK_EXCLUDES(action_lock_, thread_lock_);
+    // A worker that was idle took an action; one that was busy is idle again.
+    void worker_busy() TARVIK_EXCLUDES(action_lock_, thread_lock_);
+    void worker_free() TARVIK_EXCLUDES(action_lock_, thread_lock_);
+    void worker_ended(Worker* worker, bool was_free) TARVIK_EXCLUDES(action_lock_, thread_lock_);
     Event& work() { return work_; }
 
 private:
-    void check_free_thread();
-    bool busy();
+    void check_free_thread() TARVIK_EXCLUDES(action_lock_, thread_lock_);
+    void add_thread_if_short_() TARVIK_REQUIRES(thread_lock_);
+    bool busy() TARVIK_EXCLUDES(action_lock_, thread_lock_);
 
     Processor* owner_;
-    CriticalSection action_lock_;
-    CriticalSection thread_lock_;
+    CriticalSection action_lock_;  // never held with thread_lock_
+    CriticalSection thread_lock_;  // never held with action_lock_
     CriticalSection reserved_lock_;  // kept for the implementation's own use
-    int nb_submitted_action_ = 0;
-    int nb_free_threads_ = 0;
-    int nb_running_ = 0;
+    // The lengths of the two lists: changed under the action lock, read without it.
+    std::atomic<int> nb_submitted_action_{0};
+    std::atomic<int> nb_running_{0};
+    int nb_free_threads_ TARVIK_GUARDED_BY(thread_lock_) = 0;
     int max_threads_;
-    ActionList submitted_;
-    ActionList running_;
+    ActionList submitted_ TARVIK_GUARDED_BY(action_lock_);
+    ActionList running_ TARVIK_GUARDED_BY(action_lock_);
     Event work_{true};     // wakes workers
     Event changed_{true};  // wakes waiters: something finished, was stopped, or may now start
-    List<Worker*> threads_;
-    List<Worker*> gone_;  // workers whose run() has returned, deleted (joined) by another thread
+    List<Worker*> threads_ TARVIK_GUARDED_BY(thread_lock_);
+    // Workers whose run() has returned, deleted (joined) by another thread.
+    List<Worker*> gone_ TARVIK_GUARDED_BY(thread_lock_);
     std::atomic<bool> paused_{false};
     std::atomic<int> idle_waiters_{0};    // callers inside wait_idle
     std::atomic<int> action_waiters_{0};  // callers inside wait_action
@@ -187,25 +201,29 @@ public:
             processor_->work().wait(TimePeriod(0, kWorkWaitMs, true));
             bool ran = true;
             while (!stop_flag_.load() && !processor_->paused() && ran) {
-                AutoRef<Action> action = processor_->take_next(this);
+                AutoRef<Action> action = processor_->take_next();
                 ran = static_cast<bool>(action);
                 if (!ran) break;
+                if (free_) {
+                    free_ = false;
+                    processor_->worker_busy();
+                }
                 processor_->run_action(action);
                 processor_->finished(action);
-                processor_->set_free(this, true);
+                free_ = true;
+                processor_->worker_free();
             }
         }
-        processor_->worker_ended(this);
+        processor_->worker_ended(this, free_);
     }
 
     void ask_to_stop() { stop_flag_.store(true); }
-    bool is_free() const { return free_; }
-    void set_free_flag(bool free) { free_ = free; }
 
 private:
     ProcessorImpl* processor_;
     std::atomic<bool> stop_flag_{false};
-    bool free_ = true;  // guarded by the processor's thread lock
+    // Counted in the processor's idle count; read and written only by this worker's own thread.
+    bool free_ = true;
 };
 
 void ProcessorImpl::submit(AutoRef<Action> const& action) {
@@ -214,7 +232,7 @@ void ProcessorImpl::submit(AutoRef<Action> const& action) {
     {
         CriticalSectionHolder hold(action_lock_);
         submitted_.push_back(action);
-        ++nb_submitted_action_;
+        nb_submitted_action_.fetch_add(1);
         action->submit();
     }
     check_free_thread();
@@ -223,33 +241,25 @@ void ProcessorImpl::submit(AutoRef<Action> const& action) {
 
 void ProcessorImpl::check_free_thread() {
     CriticalSectionHolder hold(thread_lock_);
-    int submitted;
-    int running;
-    {
-        // The action lock nests inside the thread lock (never the other way round).
-        CriticalSectionHolder read(action_lock_);
-        submitted = nb_submitted_action_;
-        running = nb_running_;
-    }
     if (tvk_log() > 2)
         TVK_LOG(LEVEL_LOG, "Check free thread nb_free_threads=%0 nb_submitted_action=%1 (nb_running=%2)")
-            << nb_free_threads_ << submitted << running;
-    if (submitted <= nb_free_threads_) return;
-    int count = static_cast<int>(threads_.size());
+            << nb_free_threads_ << nb_submitted_action_.load() << nb_running_.load();
+    add_thread_if_short_();
+}
+
+void ProcessorImpl::add_thread_if_short_() {
+    if (nb_submitted_action_.load() <= nb_free_threads_) return;
+    int const count = static_cast<int>(threads_.size());
     if (max_threads_ != 0 && count >= max_threads_) return;
     auto* worker = new Worker(this);
     threads_.push_back(worker);
-    ++nb_free_threads_;
+    ++nb_free_threads_;  // a new worker is idle until it takes an action
     if (tvk_log() > 0)
         TVK_LOG(LEVEL_LOG, "Create new thread. currently %0 / %1 threads") << count << max_threads_;
     worker->start();
 }
 
-// Taking an action and marking the worker busy are one step under the thread lock, so that a submission
-// checking for an idle thread sees both or neither. Otherwise a submission falling between them would count
-// this worker as idle, start no thread, and leave its action queued behind the one just taken.
-AutoRef<Action> ProcessorImpl::take_next(Worker* worker) {
-    CriticalSectionHolder busy(thread_lock_);
+AutoRef<Action> ProcessorImpl::take_next() {
     AutoRef<Action> action;
     bool more;
     {
@@ -257,15 +267,11 @@ AutoRef<Action> ProcessorImpl::take_next(Worker* worker) {
         if (submitted_.is_empty()) return action;
         action = submitted_.front();
         submitted_.pop_front();
-        --nb_submitted_action_;
+        nb_submitted_action_.fetch_sub(1);
         action->unsubmit();
         running_.push_back(action);
-        ++nb_running_;
+        nb_running_.fetch_add(1);
         more = !submitted_.is_empty();
-    }
-    if (worker->is_free()) {
-        worker->set_free_flag(false);
-        --nb_free_threads_;
     }
     // The work event does not count its signals: submissions made before any worker woke leave a single
     // signal, taken by the one worker that got here. Pass it on so another idle worker takes the next action
@@ -274,14 +280,29 @@ AutoRef<Action> ProcessorImpl::take_next(Worker* worker) {
     return action;
 }
 
+// A submission that checked for an idle worker between this worker's taking an action and its being
+// counted busy counted it idle and started no thread; with the count now right, the check is made again
+// here, so that such an action does not wait behind the one just taken. Both checks run under the thread
+// lock: the later one sees the queued action and the busy worker.
+void ProcessorImpl::worker_busy() {
+    CriticalSectionHolder hold(thread_lock_);
+    --nb_free_threads_;
+    add_thread_if_short_();
+}
+
+void ProcessorImpl::worker_free() {
+    CriticalSectionHolder hold(thread_lock_);
+    ++nb_free_threads_;
+}
+
 void ProcessorImpl::run_action(AutoRef<Action> const& action) {
     if (action->is_to_stop()) return;  // stopped before it started: skipped
     {
-        CriticalSectionHolder hold(action_counters());
+        CriticalSectionHolder hold(Action::counter_lock_());
         ++action->running_;
     }
     action->run();
-    CriticalSectionHolder hold(action_counters());
+    CriticalSectionHolder hold(Action::counter_lock_());
     --action->running_;
     ++action->runs_;
 }
@@ -289,14 +310,14 @@ void ProcessorImpl::run_action(AutoRef<Action> const& action) {
 void ProcessorImpl::finished(AutoRef<Action> const& action) {
     if (tvk_log() > 2)
         TVK_LOG(LEVEL_LOG, "Try remove action %0 from processor %1 running=%2")
-            << static_cast<void const*>(action.get()) << static_cast<void const*>(owner_) << running_count();
+            << static_cast<void const*>(action.get()) << static_cast<void const*>(owner_) << nb_running_.load();
     bool idle;
     {
         CriticalSectionHolder hold(action_lock_);
         for (auto i = running_.begin(); i != running_.end(); ++i) {
             if (*i == action) {
                 running_.erase(i);
-                --nb_running_;
+                nb_running_.fetch_sub(1);
                 break;
             }
         }
@@ -304,25 +325,18 @@ void ProcessorImpl::finished(AutoRef<Action> const& action) {
     }
     if (tvk_log() >= 3)
         TVK_LOG(LEVEL_LOG, "Remove action %0 from processor %1 running=%2")
-            << static_cast<void const*>(action.get()) << static_cast<void const*>(owner_) << running_count();
+            << static_cast<void const*>(action.get()) << static_cast<void const*>(owner_) << nb_running_.load();
     work_.signal();
     // Waiters are woken only when one waits for this: an action to finish, or the processor to be idle.
     if (action_waiters_.load() > 0 || (idle && idle_waiters_.load() > 0)) changed_.signal();
 }
 
-void ProcessorImpl::set_free(Worker* worker, bool free) {
-    CriticalSectionHolder hold(thread_lock_);
-    if (worker->is_free() == free) return;
-    worker->set_free_flag(free);
-    nb_free_threads_ += free ? 1 : -1;
-}
-
-void ProcessorImpl::worker_ended(Worker* worker) {
+void ProcessorImpl::worker_ended(Worker* worker, bool was_free) {
     CriticalSectionHolder hold(thread_lock_);
     for (auto i = threads_.begin(); i != threads_.end(); ++i) {
         if (*i == worker) {
             threads_.erase(i);
-            if (worker->is_free()) --nb_free_threads_;
+            if (was_free) --nb_free_threads_;
             gone_.push_back(worker);  // a thread cannot delete (join) itself
             break;
         }
@@ -336,7 +350,7 @@ void ProcessorImpl::remove_submitted(AutoRef<Action> const& action) {
         if (*i == action) {
             (*i)->unsubmit();
             i = submitted_.erase(i);
-            --nb_submitted_action_;
+            nb_submitted_action_.fetch_sub(1);
         } else {
             ++i;
         }
@@ -356,7 +370,7 @@ void ProcessorImpl::stop_all(bool abort) {
             a->unsubmit();
         }
         submitted_.clear();
-        nb_submitted_action_ = 0;
+        nb_submitted_action_.store(0);
         for (AutoRef<Action>& a : running_) {
             if (abort) {
                 a->setAbort();
@@ -373,7 +387,7 @@ bool ProcessorImpl::busy() {
     CriticalSectionHolder hold(action_lock_);
     if (tvk_log() > 2)
         TVK_LOG(LEVEL_LOG, "Wait idle processor %0 submitted=%1 running=%2")
-            << static_cast<void const*>(owner_) << nb_submitted_action_ << nb_running_;
+            << static_cast<void const*>(owner_) << nb_submitted_action_.load() << nb_running_.load();
     return (!paused_.load() && !submitted_.is_empty()) || !running_.is_empty();
 }
 
@@ -389,24 +403,17 @@ private:
     std::atomic<int>& count_;
 };
 
-void ProcessorImpl::wait_idle(int limit_ms) {
+void ProcessorImpl::wait_idle(Deadline const& deadline) {
     WaiterCount counted(idle_waiters_);
-    auto const start = std::chrono::steady_clock::now();
     while (busy()) {
-        int wait_ms = 1000;
-        if (limit_ms >= 0) {
-            auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-            int left = limit_ms - static_cast<int>(spent.count());
-            if (left <= 0) return;
-            if (left < wait_ms) wait_ms = left;
-        }
-        changed_.wait(TimePeriod(0, wait_ms, true));
+        if (deadline.expired()) return;
+        changed_.wait(slice(deadline, kWaitSliceMs));
     }
 }
 
 int ProcessorImpl::wait_action(AutoRef<Action> const& action, int timeout_ms) {
     WaiterCount counted(action_waiters_);
-    auto const start = std::chrono::steady_clock::now();
+    Deadline const deadline = Deadline::in_ms(timeout_ms);
     for (;;) {
         bool pending = false;
         {
@@ -415,14 +422,8 @@ int ProcessorImpl::wait_action(AutoRef<Action> const& action, int timeout_ms) {
             for (AutoRef<Action> const& a : running_) pending = pending || a == action;
         }
         if (!pending) return 1;
-        int wait_ms = 1000;
-        if (timeout_ms >= 0) {
-            auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
-            int left = timeout_ms - static_cast<int>(spent.count());
-            if (left <= 0) return 0;
-            if (left < wait_ms) wait_ms = left;
-        }
-        changed_.wait(TimePeriod(0, wait_ms, true));
+        if (deadline.expired()) return 0;
+        changed_.wait(slice(deadline, kWaitSliceMs));
     }
 }
 
@@ -430,7 +431,10 @@ void ProcessorImpl::terminate() {
     void const* self = owner_;
     if (tvk_log() > 0) TVK_LOG(LEVEL_LOG, "Try terminate processor %0") << self;
     paused_.store(true);
-    wait_idle(kTerminateIdleMs);
+    // One second for the running actions to end and then the workers: an action that never returns must
+    // not hold terminate() for ever.
+    Deadline const deadline = Deadline::in_ms(kTerminateWaitMs);
+    wait_idle(deadline);
     if (tvk_log() > 0) TVK_LOG(LEVEL_LOG, "Processor %0 wait idle OK") << self;
     {
         CriticalSectionHolder hold(thread_lock_);
@@ -441,11 +445,10 @@ void ProcessorImpl::terminate() {
         }
     }
     if (tvk_log() > 0) TVK_LOG(LEVEL_LOG, "Processor %0 wait threads") << self;
-    auto const start = std::chrono::steady_clock::now();
     int remaining = thread_count();
-    while (remaining > 0 && std::chrono::steady_clock::now() - start < std::chrono::milliseconds(kTerminateThreadsMs)) {
+    while (remaining > 0 && !deadline.expired()) {
         work_.signal();  // one signal wakes one worker: keep waking them until all have gone
-        changed_.wait(TimePeriod(0, 50, true));
+        changed_.wait(slice(deadline, kTerminatePollMs));
         remaining = thread_count();
     }
     if (remaining > 0) {
@@ -483,7 +486,7 @@ void Processor::pause() { impl_->pause(); }
 void Processor::resume() { impl_->resume(); }
 void Processor::stop() { impl_->stop_all(false); }
 void Processor::abort() { impl_->stop_all(true); }
-void Processor::waitIdle() { impl_->wait_idle(-1); }
+void Processor::waitIdle() { impl_->wait_idle(Deadline::never()); }
 int Processor::waitAction(AutoRef<Action> const& action, int timeout_ms) { return impl_->wait_action(action, timeout_ms); }
 void Processor::terminate() { impl_->terminate(); }
 int Processor::get_thread_count() const { return impl_->thread_count(); }

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "Deadline.h"
 #include "LogUnit.h"
 #include "Memory.h"
 #include "NamedSync-linux.h"
@@ -59,6 +60,8 @@ int lock_shared(int fd) {
 }
 
 constexpr int kOpenAttempts = 1000;
+// How long a mapping waits for a creator in another process to size the area.
+constexpr int kSizeWaitMs = 1000;
 
 }  // namespace
 
@@ -107,7 +110,8 @@ HandlePtr open(char const* name, unsigned int size, bool* created) {
 void* map(Handle* h, unsigned int size) {
     // A creator in another process may not have sized the area yet: wait for it briefly.
     struct stat st {};
-    for (int i = 0; i < 1000 && ::fstat(h->fd, &st) == 0 && st.st_size == 0 && size > 0; ++i) ::usleep(1000);
+    Deadline const deadline = Deadline::in_ms(kSizeWaitMs);
+    while (::fstat(h->fd, &st) == 0 && st.st_size == 0 && size > 0 && !deadline.expired()) ::usleep(1000);
     // An existing area is opened whatever size it was made with, and the requested length is mapped: a
     // smaller area grows to it (zero-filled) so that no byte of the view lies past the area's end.
     // posix_fallocate only ever extends, so holders growing it at once never shrink it under another.

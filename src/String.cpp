@@ -9,6 +9,7 @@
 #include "LogUnit.h"
 #include "Memory.h"
 #include "StringOps.h"
+#include "Utf8.h"
 #include "tarvik/AString.h"
 #include "tarvik/IOBStream.h"
 #include "tarvik/StringBuffer.h"
@@ -117,14 +118,8 @@ void append_utf32(String& out, wchar_t const* text, unsigned int n) {
     out.reserve(out.length() + n);
     for (unsigned int i = 0; i < n; ++i) {
         auto cp = static_cast<unsigned long>(static_cast<unsigned int>(text[i]));
-        if ((cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) cp = 0xFFFD;
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out.append(1, static_cast<WChar>(0xD800 + (cp >> 10)));
-            out.append(1, static_cast<WChar>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            out.append(1, static_cast<WChar>(cp));
-        }
+        WChar units[2];
+        out.append(units, utf8::to_units(utf8::is_character(cp) ? cp : 0xFFFD, units));
     }
 }
 #endif
@@ -522,21 +517,10 @@ String operator+(String const& a, String const& b) {
 
 namespace {
 
+// One 16-bit unit as UTF-8, on its own: a surrogate takes the 3 bytes of its value.
 void append_unit_utf8(AString& out, unsigned int c) {
-    char bytes[3];
-    if (c < 128) {
-        bytes[0] = static_cast<char>(c);
-        out.append(bytes, 1);
-    } else if (c <= 2047) {
-        bytes[0] = static_cast<char>(192 + c / 64);
-        bytes[1] = static_cast<char>(128 + c % 64);
-        out.append(bytes, 2);
-    } else {
-        bytes[0] = static_cast<char>(224 + c / 4096);
-        bytes[1] = static_cast<char>(128 + (c / 64) % 64);
-        bytes[2] = static_cast<char>(128 + c % 64);
-        out.append(bytes, 3);
-    }
+    char bytes[4];
+    out.append(bytes, utf8::encode(c, bytes));
 }
 
 void encode_units(WChar const* units, unsigned int n, AString& out) {
@@ -565,31 +549,11 @@ void DecodeFromUTF8(AString const& utf8, String& out) {
     auto const* s = reinterpret_cast<unsigned char const*>(utf8.c_str());
     unsigned int n = utf8.length();
     for (unsigned int i = 0; i < n;) {
-        unsigned int lead = s[i];
-        unsigned int extra = lead >= 252 && lead <= 253 ? 5
-                             : lead >= 248 && lead <= 251 ? 4
-                             : lead >= 240 && lead <= 247 ? 3
-                             : lead >= 224 && lead <= 239 ? 2
-                             : lead >= 192 && lead <= 223 ? 1
-                                                          : 0;
-        if (extra == 0) {
-            result.append(1, static_cast<WChar>(lead));
-            ++i;
-            continue;
-        }
-        if (extra > n - i - 1) break;
-        static constexpr unsigned int lead_mask[] = {0, 0x1F, 0x0F, 0x07, 0x03, 0x01};
-        unsigned long long cp = lead & lead_mask[extra];
-        for (unsigned int k = 1; k <= extra; ++k) cp = (cp << 6) | (s[i + k] & 0x3Fu);
-        i += extra + 1;
-        if (cp > 0x10FFFF) cp = 0xFFFD;
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            result.append(1, static_cast<WChar>(0xD800 + (cp >> 10)));
-            result.append(1, static_cast<WChar>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            result.append(1, static_cast<WChar>(cp));
-        }
+        utf8::Sequence seq = utf8::decode(s + i, n - i);
+        if (seq.length == 0) break;  // cut short by the end of the text
+        i += seq.length;
+        WChar units[2];
+        result.append(units, utf8::to_units(seq.code > 0x10FFFF ? 0xFFFD : seq.code, units));
     }
     out.splice(result);
 }

@@ -22,23 +22,12 @@ StringBuffer::Page* StringBuffer::add_page_() {
     auto* page = reinterpret_cast<Page*>(block);
     page->owner = this;
     page->used = 0;
-    page->next = nullptr;
-    if (last_) {
-        last_->next = page;
-    } else {
-        first_ = page;
-    }
-    last_ = page;
+    pages_.push_back(page);
     return page;
 }
 
 void StringBuffer::free_pages_() {
-    for (Page* p = first_; p;) {
-        Page* next = p->next;
-        delete[] reinterpret_cast<char*>(p);
-        p = next;
-    }
-    first_ = last_ = nullptr;
+    pages_.release_all([](Page* p) { delete[] reinterpret_cast<char*>(p); });
     size_ = 0;
 }
 
@@ -80,8 +69,8 @@ StringBuffer& StringBuffer::operator=(char const* text) {
 // --- appending ----------------------------------------------------------------------------------------
 
 unsigned int StringBuffer::append_in_new_page_(char c) {
-    add_page_();
-    last_->data()[last_->used++] = c;
+    Page* page = add_page_();
+    page->data()[page->used++] = c;
     ++size_;
     return 1;
 }
@@ -90,11 +79,12 @@ unsigned int StringBuffer::append(char const* data, unsigned int n) {
     if (!data) return 0;
     unsigned int done = 0;
     while (done < n) {
-        if (!last_ || last_->used == page_size_) add_page_();
-        unsigned int room = page_size_ - last_->used;
+        Page* last = pages_.last();
+        if (!last || last->used == page_size_) last = add_page_();
+        unsigned int room = page_size_ - last->used;
         unsigned int k = n - done < room ? n - done : room;
-        std::memcpy(last_->data() + last_->used, data + done, k);
-        last_->used += k;
+        std::memcpy(last->data() + last->used, data + done, k);
+        last->used += k;
         size_ += k;
         done += k;
     }
@@ -110,22 +100,23 @@ unsigned int StringBuffer::append(StringBuffer const& other) {
         StringBuffer copy(other);
         return append(copy);
     }
-    for (Page const* p = other.first_; p; p = p->next) append(p->data(), p->used);
+    for (Page const* p = other.pages_.first(); p; p = p->next) append(p->data(), p->used);
     return other.size_;
 }
 
 char* StringBuffer::append() {
-    if (last_ && last_->used == 0) return last_->data();
+    if (pages_.last() && pages_.last()->used == 0) return pages_.last()->data();
     return add_page_()->data();
 }
 
 unsigned int StringBuffer::add_size(unsigned int n) {
-    if (!last_ || n > page_size_ - last_->used) {
-        TVK_LOG(LEVEL_ERR, "WRONG ADD SIZE %0 [%1/%2]") << n << (last_ ? last_->used : 0u) << page_size_;
+    Page* last = pages_.last();
+    if (!last || n > page_size_ - last->used) {
+        TVK_LOG(LEVEL_ERR, "WRONG ADD SIZE %0 [%1/%2]") << n << (last ? last->used : 0u) << page_size_;
         return size_;
     }
-    size_ += n - last_->used;
-    last_->used = n;
+    size_ += n - last->used;
+    last->used = n;
     return size_;
 }
 
@@ -136,10 +127,8 @@ void StringBuffer::splice(StringBuffer& other) {
     free_pages_();
     page_size_ = other.page_size_;
     size_ = other.size_;
-    first_ = other.first_;
-    last_ = other.last_;
-    for (Page* p = first_; p; p = p->next) p->owner = this;
-    other.first_ = other.last_ = nullptr;
+    pages_.append(other.pages_);
+    for (Page* p = pages_.first(); p; p = p->next) p->owner = this;
     other.size_ = 0;
 }
 
@@ -177,7 +166,7 @@ int StringBuffer::compare(char const* other) const {
 char* StringBuffer::c_str(char* dest, unsigned int max) const {
     if (!dest) return dest;
     unsigned int at = 0;
-    for (Page const* p = first_; p && at < max; p = p->next) {
+    for (Page const* p = pages_.first(); p && at < max; p = p->next) {
         unsigned int k = p->used < max - at ? p->used : max - at;
         std::memcpy(dest + at, p->data(), k);
         at += k;
@@ -189,7 +178,7 @@ char* StringBuffer::c_str(char* dest, unsigned int max) const {
 char const* StringBuffer::c_str(AString& out) const {
     AString text;
     text.reserve(size_ + 1);
-    for (Page const* p = first_; p; p = p->next) text.append(p->data(), p->used);
+    for (Page const* p = pages_.first(); p; p = p->next) text.append(p->data(), p->used);
     out.splice(text);
     return out.c_str();
 }
@@ -197,7 +186,7 @@ char const* StringBuffer::c_str(AString& out) const {
 // --- streams --------------------------------------------------------------------------------------------
 
 long StringBuffer::write(OBStream& out) const {
-    for (Page const* p = first_; p; p = p->next) out.put(p->data(), p->used);
+    for (Page const* p = pages_.first(); p; p = p->next) out.put(p->data(), p->used);
     return size_;
 }
 
@@ -284,7 +273,7 @@ long StringBuffer::read(Path const& path) {
 
 long StringBuffer::write(CommBuffer& out) const {
     long total = 0;
-    for (Page const* p = first_; p; p = p->next)
+    for (Page const* p = pages_.first(); p; p = p->next)
         total += out.write_raw(reinterpret_cast<unsigned char const*>(p->data()), p->used);
     return total;
 }

@@ -112,7 +112,7 @@ public:
     }
 
 private:
-    SymbolEntry const* intern_locked_(char const* text, unsigned int len, bool create) {
+    SymbolEntry const* intern_locked_(char const* text, unsigned int len, bool create) TARVIK_REQUIRES(lock_) {
         if (by_name_) {
             if (SymbolEntry** found = by_name_->find(TextKey{text, len})) return *found;
         }
@@ -156,9 +156,10 @@ private:
 
     CriticalSection lock_;
     // Keyed by a view of each entry's own name: entries never move or die, so the view stays valid.
-    std::unique_ptr<HMap<TextKey, SymbolEntry*>> by_name_;
+    std::unique_ptr<HMap<TextKey, SymbolEntry*>> by_name_ TARVIK_GUARDED_BY(lock_);
+    // Grown and filled under the lock, read without it (see above).
     std::atomic<Directory*> directory_{nullptr};
-    unsigned int next_num_ = 0;
+    unsigned int next_num_ TARVIK_GUARDED_BY(lock_) = 0;
 };
 
 SymbolRegistry& registry() {

@@ -18,10 +18,10 @@ namespace {
 // The process-wide caches, made on first use and never destroyed.
 struct Caches {
     CriticalSection lock;
-    AString system_name;
-    AString program_file_path;
-    AString program_name;
-    AString application_name;
+    AString system_name TARVIK_GUARDED_BY(lock);
+    AString program_file_path TARVIK_GUARDED_BY(lock);
+    AString program_name TARVIK_GUARDED_BY(lock);
+    AString application_name TARVIK_GUARDED_BY(lock);
 };
 
 Caches& caches() {
@@ -29,9 +29,8 @@ Caches& caches() {
     return *instance;
 }
 
+// The caller holds the caches' lock.
 bool store_if_different(AString& stored, char const* name) {
-    Caches& c = caches();
-    CriticalSectionHolder hold(c.lock);
     if (stored == (name ? name : "")) return false;
     stored = name;
     return true;
@@ -67,7 +66,11 @@ AString get_program_name() {
     return c.program_name;
 }
 
-bool set_program_name(char const* name) { return store_if_different(caches().program_name, name); }
+bool set_program_name(char const* name) {
+    Caches& c = caches();
+    CriticalSectionHolder hold(c.lock);
+    return store_if_different(c.program_name, name);
+}
 
 AString get_application_name() {
     Caches& c = caches();
@@ -76,7 +79,11 @@ AString get_application_name() {
     return c.application_name;
 }
 
-bool set_application_name(char const* name) { return store_if_different(caches().application_name, name); }
+bool set_application_name(char const* name) {
+    Caches& c = caches();
+    CriticalSectionHolder hold(c.lock);
+    return store_if_different(c.application_name, name);
+}
 
 AString get_working_dir() {
     AString dir;

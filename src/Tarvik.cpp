@@ -3,15 +3,23 @@
 
 #include "LogUnit.h"
 #include "tarvik/TypeManager.h"
+#include "transport/Transport.h"
 
 TARVIK_LOG_UNIT()
 
 namespace tarvik {
 
 int init() {
-    // The transports' factories join here once the transports exist. The first lookup of a kind builds
-    // the whole table of managers.
+    // The first lookup of a kind builds the whole table of managers.
     TypeManager::get(T_INT);
+    // The transports' factories and variables, once for the process.
+    static bool const transports = [] {
+        register_tcpip_factories();
+        register_shm_factories();
+        register_inproc_factories();
+        return true;
+    }();
+    (void)transports;
     return 1;
 }
 

@@ -8,22 +8,50 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
+#include "Deadline.h"
 #include "LogUnit.h"
+#include "tarvik/ThreadSafety.h"
 
 TARVIK_LOG_UNIT()
 
 namespace tarvik::thread_impl {
 
+namespace {
+
+// std::mutex with the locking annotations (the standard library's carries none), and its scoped holder,
+// which also gives the condition variable the lock it waits with. A wait is written as a loop in the
+// holder's scope rather than with a predicate: the analysis does not know that a predicate runs locked.
+class TARVIK_CAPABILITY("mutex") GateLock {
+public:
+    void lock() TARVIK_ACQUIRE() { m_.lock(); }
+    void unlock() TARVIK_RELEASE() { m_.unlock(); }
+    std::mutex& native() { return m_; }
+
+private:
+    std::mutex m_;
+};
+
+class TARVIK_SCOPED_CAPABILITY GateHold {
+public:
+    explicit GateHold(GateLock& lock) TARVIK_ACQUIRE(lock) : lock_(lock.native()) {}
+    ~GateHold() TARVIK_RELEASE() {}
+    std::unique_lock<std::mutex>& native() { return lock_; }
+
+private:
+    std::unique_lock<std::mutex> lock_;
+};
+
+}  // namespace
+
 struct Handle {
-    std::mutex m;
+    GateLock m;
     std::condition_variable cv;
-    bool resumed = false;
-    bool cancelled = false;
-    bool ended = false;
+    bool resumed TARVIK_GUARDED_BY(m) = false;
+    bool cancelled TARVIK_GUARDED_BY(m) = false;
+    bool ended TARVIK_GUARDED_BY(m) = false;
     std::atomic<unsigned long> tid{0};
     void (*body)(void*) = nullptr;
     void* arg = nullptr;
@@ -42,13 +70,13 @@ void* trampoline(void* p) {
     h->tid.store(static_cast<unsigned long>(::syscall(SYS_gettid)), std::memory_order_release);
     bool run;
     {
-        std::unique_lock<std::mutex> lock(h->m);
-        h->cv.wait(lock, [h] { return h->resumed || h->cancelled; });
+        GateHold hold(h->m);
+        while (!h->resumed && !h->cancelled) h->cv.wait(hold.native());
         run = !h->cancelled;
     }
     if (run) h->body(h->arg);
     {
-        std::lock_guard<std::mutex> lock(h->m);
+        GateHold hold(h->m);
         h->ended = true;
     }
     h->cv.notify_all();
@@ -73,7 +101,7 @@ Handle* create_suspended(void (*body)(void*), void* arg) {
 
 bool resume(Handle* h) {
     {
-        std::lock_guard<std::mutex> lock(h->m);
+        GateHold hold(h->m);
         if (h->cancelled) return false;
         h->resumed = true;
     }
@@ -82,12 +110,14 @@ bool resume(Handle* h) {
 }
 
 int wait_end(Handle* h, unsigned int ms) {
-    std::unique_lock<std::mutex> lock(h->m);
-    return h->cv.wait_for(lock, std::chrono::milliseconds(ms), [h] { return h->ended; }) ? 1 : 0;
+    Deadline const deadline = Deadline::in_ms(ms);
+    GateHold hold(h->m);
+    while (!h->ended && !deadline.expired()) h->cv.wait_until(hold.native(), deadline.when());
+    return h->ended ? 1 : 0;
 }
 
 bool has_ended(Handle* h) {
-    std::lock_guard<std::mutex> lock(h->m);
+    GateHold hold(h->m);
     return h->ended;
 }
 
@@ -96,7 +126,7 @@ unsigned long id(Handle* h) { return h->tid.load(std::memory_order_acquire); }
 void release(Handle* h) {
     bool ended;
     {
-        std::lock_guard<std::mutex> lock(h->m);
+        GateHold hold(h->m);
         if (!h->resumed) h->cancelled = true;  // a thread never resumed ends without running its body
         ended = h->ended;
     }

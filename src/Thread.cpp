@@ -1,5 +1,6 @@
 #include "tarvik/Thread.h"
 
+#include "Deadline.h"
 #include "LogUnit.h"
 #include "ThreadImpl.h"
 #include "tarvik/CriticalSection.h"
@@ -10,6 +11,16 @@ TARVIK_LOG_UNIT()
 
 namespace tarvik {
 
+namespace {
+
+// Creates and deletes every thread record.
+CriticalSection& thread_lock() {
+    static CriticalSection* const lock = new CriticalSection;
+    return *lock;
+}
+
+}  // namespace
+
 // The state of one system thread of a Thread object.
 struct ThreadRecord {
     Thread* owner;
@@ -19,24 +30,31 @@ struct ThreadRecord {
     std::atomic<bool> to_stop{false};
     std::atomic<bool> suspended{true};
     // Calls of stop() and wait() that are waiting on the handle; the record (and its handle) stays until
-    // the last of them is done. Guarded by the thread lock, as is `detached`.
-    int users = 0;
+    // the last of them is done.
+    int users TARVIK_GUARDED_BY(thread_lock()) = 0;
     // No longer the Thread's record: the last user frees it.
-    bool detached = false;
+    bool detached TARVIK_GUARDED_BY(thread_lock()) = false;
     // The system thread was resumed and its run() has not returned yet.
-    bool body_pending = false;
+    bool body_pending TARVIK_GUARDED_BY(thread_lock()) = false;
     // Given up while run() was still going: the thread frees the record when run() returns.
-    bool abandoned = false;
+    bool abandoned TARVIK_GUARDED_BY(thread_lock()) = false;
 };
 
 namespace {
 
 constexpr int kStopWaits = 60;
+constexpr unsigned int kWaitSliceMs = 1000;
 
-// Creates and deletes every thread record.
-CriticalSection& thread_lock() {
-    static CriticalSection* const lock = new CriticalSection;
-    return *lock;
+// Waits for the system thread's end in slices of at most a second until the deadline: 1 ended, 0 time-out,
+// -1 failure.
+int wait_end_until(thread_impl::Handle* handle, Deadline const& deadline) {
+    for (;;) {
+        int const left = deadline.ms_left();
+        int const r = thread_impl::wait_end(handle, left < 0 || static_cast<unsigned int>(left) > kWaitSliceMs
+                                                         ? kWaitSliceMs
+                                                         : static_cast<unsigned int>(left));
+        if (r != 0 || deadline.expired()) return r;
+    }
 }
 
 bool is_self(ThreadRecord const* r) {
@@ -46,7 +64,7 @@ bool is_self(ThreadRecord const* r) {
 // Under the thread lock, once the record is detached and nobody waits on it: gives the system thread up
 // and frees the record. A run() that is still going may still read its record: that record is left to
 // its thread, which frees it when run() returns.
-void finish(ThreadRecord* r) {
+void finish(ThreadRecord* r) TARVIK_REQUIRES(thread_lock()) {
     if (!r->detached || r->users > 0) return;
     if (r->handle) {
         thread_impl::release(r->handle);
@@ -122,10 +140,7 @@ bool Thread::stop() {
         running = r->handle && !r->suspended;
         ++r->users;  // keeps the record and its handle while we wait, even if another stop() completes it
     }
-    if (running) {
-        for (int i = 0; i < kStopWaits; ++i)
-            if (thread_impl::wait_end(r->handle, 1000) != 0) break;
-    }
+    if (running) wait_end_until(r->handle, Deadline::in_ms(kStopWaits * kWaitSliceMs));
     CriticalSectionHolder hold(thread_lock());
     --r->users;
     if (record_.load() == r) {
@@ -152,8 +167,8 @@ bool Thread::wait(TimePeriod const& timeout) {
         if (!r || !r->handle) return true;
         ++r->users;
     }
-    std::int64_t ms = timeout.to_milliseconds();
-    bool ended = thread_impl::wait_end(r->handle, ms < 0 ? 0 : static_cast<unsigned int>(ms)) > 0;
+    std::int64_t const ms = timeout.to_milliseconds();
+    bool const ended = wait_end_until(r->handle, Deadline::in_ms(ms < 0 ? 0 : ms)) > 0;
     CriticalSectionHolder hold(thread_lock());
     --r->users;
     finish(r);

@@ -235,7 +235,8 @@ TEST(Processor, TraceRecordsAppearOnlyWhenTheProcessorLevelIsRaised) {
         EXPECT_EQ(capture.records_with(text), 1) << text << "\n" << capture.text();
 }
 
-TEST(Processor, SlowTerminateGivesUpOnANeverReturningActionAfterAboutFourAndAHalfSeconds) {
+// The wait for idle and the wait for the workers share one second; then the error record and 3 seconds.
+TEST(Processor, SlowTerminateGivesUpOnANeverReturningActionAfterAboutFourSeconds) {
     Processor processor(1);
     AutoRef<Blocker> blocker(new Blocker);
     processor.submit(blocker);
@@ -245,7 +246,7 @@ TEST(Processor, SlowTerminateGivesUpOnANeverReturningActionAfterAboutFourAndAHal
     processor.terminate();
     auto const spent = std::chrono::steady_clock::now() - start;
     EXPECT_GE(spent, 4s);
-    EXPECT_LE(spent, 6s);
+    EXPECT_LT(spent, 4400ms);
     EXPECT_EQ(capture.records_with("ERR|TVK|PROCESSOR|"), 1) << capture.text();
     EXPECT_EQ(capture.records_with("||ERROR: processor will be deleted while 1 threads still running!!"), 1)
         << capture.text();

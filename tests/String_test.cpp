@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tarvik/AString.h"
+#include "TestSupport.h"
 #include "tarvik/IOBStream.h"
 
 using tarvik::AString;
@@ -106,6 +107,51 @@ TEST(String, EncodeToUtf8WritesEachUnitOnItsOwnAndDecodingMakesSurrogatePairs) {
     EXPECT_EQ(units(text), (std::u16string{0x80, u'z', 0xFFFD}));
     tarvik::DecodeFromUTF8(AString("ok\xF0\x9F\x98"), text);  // cut short
     EXPECT_EQ(units(text), u"ok");
+}
+
+// Each row: UTF-8 bytes; the units DecodeFromUTF8 makes of them and those units encoded back; the bytes
+// AString's folding decoder makes; what the strict conversion through wide text gives ("" when it refuses
+// the text, with a record).
+TEST(String, CodePointsAtTheUtf16BoundariesConvertTheSameWayInEveryConversion) {
+    struct Row {
+        char const* utf8;
+        std::u16string units;
+        char const* reencoded;
+        std::string folded;
+        std::string strict;
+    };
+    using S = std::string;
+    Row const rows[] = {
+        {"\xEF\xBF\xBF", {0xFFFF}, "\xEF\xBF\xBF", "\xFF", S("\xEF\xBF\xBF\0", 4)},                  // U+FFFF
+        {"\xF0\x90\x80\x80", {0xD800, 0xDC00}, "\xED\xA0\x80\xED\xB0\x80", "\x01\x01",                 // U+10000
+         S("\xF0\x90\x80\x80\0", 5)},
+        {"\xF4\x8F\xBF\xBF", {0xDBFF, 0xDFFF}, "\xED\xAF\xBF\xED\xBF\xBF", "\x11\x10",                 // U+10FFFF
+         S("\xF4\x8F\xBF\xBF\0", 5)},
+        {"\xF4\x90\x80\x80", {0xFFFD}, "\xEF\xBF\xBD", "\x11\x11", ""},                                // U+110000
+        {"\xED\xA0\x80", {0xD800}, "\xED\xA0\x80", S("\0", 1), ""},                                    // lone high
+        {"\xED\xBF\xBF", {0xDFFF}, "\xED\xBF\xBF", "\xFF", ""},                                        // lone low
+        {"\xED\xA0\xBD\xED\xB8\x80", {0xD83D, 0xDE00}, "\xED\xA0\xBD\xED\xB8\x80", S("=\0", 2), ""},   // pair, 3+3
+        {"\xC0\xAF", {u'/'}, "/", "/", ""},                                                             // overlong
+        {"\xE0\x80\xAF", {u'/'}, "/", "/", ""},
+        {"\xF0\x8F\xBF\xBF", {0xFFFF}, "\xEF\xBF\xBF", "\xFF", ""},
+        {"a\xF0\x90\x80", {u'a'}, "a", "a", ""},                                                       // cut short
+        {"\xC2", {}, "", "", ""},
+    };
+    for (Row const& row : rows) {
+        SCOPED_TRACE(testing::PrintToString(std::string(row.utf8)));
+        String text(u"previous");
+        tarvik::DecodeFromUTF8(AString(row.utf8), text);
+        EXPECT_EQ(units(text), row.units);
+        AString out("previous");
+        tarvik::EncodeToUTF8(text, out);
+        EXPECT_EQ(bytes(out), row.reencoded);
+        tarvik::DecodeFromUTF8(AString(row.utf8), out);
+        EXPECT_EQ(bytes(out), row.folded);
+        tarvik::test::StdoutCapture capture;
+        tarvik::DecodeFromUTF8(row.utf8, out);
+        EXPECT_EQ(bytes(out), row.strict);
+        EXPECT_EQ(capture.lines_with("|cannot convert String to AString: err=84"), row.strict.empty() ? 1 : 0);
+    }
 }
 
 TEST(String, WriteXmlEscapesAndWritesUtf8) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tarvik/AString.h"
+#include "tarvik/Tuple.h"
 
 namespace tarvik::test {
 
@@ -59,6 +60,10 @@ struct Tracked {
     Tracked& operator=(Tracked const&) = default;
     ~Tracked() { --live; }
 };
+
+// One attribute of every kind, named by its code: values of several integer bytes, negative numbers, empty
+// and non-ASCII contents, repeated names (class "all.kinds").
+Tuple all_kinds();
 
 // Runs body(t) on n threads (t = 0 .. n-1), released together so that they contend from the start, and
 // waits for all of them.

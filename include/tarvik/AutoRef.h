@@ -26,11 +26,12 @@
 #include <cstddef>
 #include <type_traits>
 
+#include "tarvik/ThreadSafety.h"
 #include "tarvik/Types.h"
 
 namespace tarvik {
 
-class CriticalSection;
+class TARVIK_CAPABILITY("mutex") CriticalSection;
 class AutoRefBase;
 
 class TARVIK_EXPORT RefObject {
@@ -68,8 +69,8 @@ public:
     int get_nested_count();
 
 private:
-    int count_ = 0;
-    int nested_count_ = 0;
+    int count_ TARVIK_GUARDED_BY(get_cs()) = 0;
+    int nested_count_ TARVIK_GUARDED_BY(get_cs()) = 0;
 };
 
 // The untyped holders. Nested = false counts through attach/release (AutoRefBase); Nested = true through
@@ -165,6 +166,8 @@ public:
     static RefFactory* get_head();
 
 private:
+    // Changed under the factory list's lock when a factory registers or goes. Not annotated: that lock is
+    // private to the factory list, and get_next() is read by callers walking a list they know is stable.
     RefFactory* next_ = nullptr;
 };
 

@@ -58,6 +58,7 @@
 #include "tarvik/List.h"
 #include "tarvik/Path.h"
 #include "tarvik/Types.h"
+#include "tarvik/detail/PageChain.h"
 
 namespace tarvik {
 
@@ -100,7 +101,7 @@ public:
 
     class PageIterator {
     public:
-        explicit PageIterator(CommBuffer const& buffer) : at_(buffer.first_) {}
+        explicit PageIterator(CommBuffer const& buffer) : at_(buffer.pages_.first()) {}
         bool hasNext() const { return at_ != nullptr; }
         // The page, then advances.
         Page* next() {
@@ -138,8 +139,8 @@ public:
     void update_ascii_flags();
     // Rewrites every page's header from its fields.
     void update_headers();
-    Page* get_last() const { return last_; }
-    Page* get_first() const { return first_; }
+    Page* get_last() const { return pages_.last(); }
+    Page* get_first() const { return pages_.first(); }
 
     // --- raw bytes ----------------------------------------------------------------------------------
     // Copies n bytes into the last page, adding pages (with header room) as needed. Returns n.
@@ -264,108 +265,18 @@ private:
     long write_signed_(long long value);
     template <class T>
     long write_number_(T value);
-    // --- runs of integers (lists and arrays of numbers) ---------------------------------------------
-    // The elements are encoded straight into the last page and decoded straight from the read page, with
-    // local cursors; small numbers (one byte unsigned, two bytes signed) take one branch. A value that
-    // does not fit the page's free space, or that crosses a page end, goes through the general code.
-    // Signed values travel as their two's-complement bits.
+    // --- runs of integers (lists and arrays of numbers): see detail/CommBufferCodec.h ------------------
     static unsigned int encode_signed_(long long v, unsigned char* out);
     static unsigned int encode_unsigned_(unsigned long long v, unsigned char* out);
     // The read position settled on a page with bytes left (after a pending rewind or at a page end);
     // false at the end of the buffer.
     bool settle_() const;
     template <class Item>
-    static unsigned int encode_item_(Item v, unsigned char* out) {
-        if constexpr (std::is_signed_v<Item>) {
-            if (v > -0x80 && v < 0x80) {
-                out[0] = static_cast<unsigned char>(v < 0 ? (0x80 | -v) : v);
-                out[1] = 0x80;
-                return 2;
-            }
-            return encode_signed_(static_cast<long long>(v), out);
-        } else {
-            if (v < 0x80) {
-                out[0] = static_cast<unsigned char>(v | 0x80);
-                return 1;
-            }
-            return encode_unsigned_(static_cast<unsigned long long>(v), out);
-        }
-    }
+    static unsigned int encode_item_(Item v, unsigned char* out);
     template <class C>
-    long write_integer_items_(C const& items) {
-        using Item = std::decay_t<decltype(*items.begin())>;
-        long total = 0;
-        unsigned char* start = nullptr;
-        unsigned char* p = nullptr;
-        unsigned char const* limit = nullptr;  // 12 bytes (more than the longest form) before the page end
-        auto open = [&] {
-            start = p = nullptr;
-            if (last_ && last_->capacity - last_->used >= 12) {
-                start = p = last_->data() + last_->used;
-                limit = last_->data() + last_->capacity - 12;
-            }
-        };
-        auto close = [&] {
-            auto written = static_cast<unsigned int>(p - start);
-            if (start) {
-                last_->used += written;
-                size_ += written;
-                total += written;
-            }
-        };
-        open();
-        for (Item item : items) {
-            if (p && p <= limit) {
-                p += encode_item_(item, p);
-            } else {
-                close();
-                total += write(item);
-                open();
-            }
-        }
-        close();
-        return total;
-    }
+    long write_integer_items_(C const& items);
     template <class C, class Item = typename C::value_type>
-    long read_integer_items_(C& items, unsigned long long count) const {
-        unsigned long long done = 0;
-        while (done < count && settle_()) {
-            unsigned char const* base = pos_.page->data();
-            unsigned char const* p = base + pos_.offset;
-            unsigned char const* end = base + pos_.page->used;
-            done += items.append_from(static_cast<unsigned int>(count - done), [&p, end](Item& out) {
-                if constexpr (std::is_signed_v<Item>) {
-                    if (end - p < 2 || p[1] != 0x80) return false;
-                    auto magnitude = static_cast<unsigned long long>(p[0] & 0x7F);
-                    out = static_cast<Item>((p[0] & 0x80) ? 0ull - magnitude : magnitude);
-                    p += 2;
-                } else {
-                    if (p == end || !(p[0] & 0x80)) return false;
-                    out = static_cast<Item>(p[0] & 0x7F);
-                    p += 1;
-                }
-                return true;
-            });
-            pos_.offset = static_cast<unsigned int>(p - base);
-            if (done == count) break;
-            // A larger number, or one that crosses into the next page: the general reader.
-            unsigned long long bits;
-            unsigned int taken;
-            if constexpr (std::is_signed_v<Item>) {
-                long long v;
-                taken = read_signed_(v);
-                bits = static_cast<unsigned long long>(v);
-            } else {
-                taken = read_unsigned_(bits);
-            }
-            if (taken == 0) break;
-            items.push_back(static_cast<Item>(bits));
-            ++done;
-        }
-        // Integer reads never fail: the elements the buffer no longer holds read as 0.
-        for (; done < count; ++done) items.push_back(Item{});
-        return 0;
-    }
+    long read_integer_items_(C& items, unsigned long long count) const;
     // Reads n bytes into dest; false (nothing promised about dest) when fewer remain.
     bool read_exact_(void* dest, unsigned int n) const;
     // The dictionary position of a name (from 1), or 0.
@@ -374,58 +285,11 @@ private:
     void drop_names_();
 
     template <class C>
-    long write_items_(C const& items, unsigned int count) {
-        write_unsigned_(count);
-        long total = 0;
-        using Item = std::decay_t<decltype(*items.begin())>;
-        if constexpr (std::is_integral_v<Item> && !std::is_same_v<Item, bool>) {
-            return write_integer_items_(items);
-        } else {
-            for (auto const& item : items) {
-                // A StringBuffer on its own is written as bare bytes; inside a list it needs its length.
-                if constexpr (std::is_same_v<Item, StringBuffer>) {
-                    total += write_counted(item);
-                } else {
-                    total += write(item);
-                }
-            }
-            return total;
-        }
-    }
+    long write_items_(C const& items, unsigned int count);
     // Reads the count, refuses one that the bytes left cannot hold (each element takes a byte at least),
     // then each element.
     template <class C, class Add>
-    long read_items_(C& items, Add add) const {
-        unsigned long long count = 0;
-        read_unsigned_(count);
-        if (!remains(count)) return refuse_length_(count, remaining());
-        if (!enter_()) return -1;
-        items.reserve(static_cast<unsigned int>(count));
-        long total = 0;
-        using Item = std::decay_t<decltype(add())>;
-        if constexpr (std::is_integral_v<Item> && !std::is_same_v<Item, bool>) {
-            // Integers in runs, decoded straight from the pages (their reads count no bytes).
-            total = read_integer_items_(items, count);
-            leave_();
-            return total;
-        }
-        for (unsigned long long i = 0; i < count; ++i) {
-            Pos before = pos_;
-            long r = read(add());
-            if (r < 0) {
-                total = r;
-                break;
-            }
-            // Integer reads never fail: an element that took no byte means the buffer ran out.
-            if (pos_.page == before.page && pos_.offset == before.offset && !before.rewind_pending) {
-                total = refuse_length_(count, 0);
-                break;
-            }
-            total += r;
-        }
-        leave_();
-        return total;
-    }
+    long read_items_(C& items, Add add) const;
 
     static constexpr unsigned int kScannedNames = 16;
     // The names written to or read from this buffer: position p (from 1) is element p - 1. Past
@@ -434,11 +298,13 @@ private:
     mutable HMap<SymbolEntry const*, unsigned int>* name_index_ = nullptr;
     unsigned int page_size_;
     unsigned int size_ = 0;
-    Page* first_ = nullptr;
-    Page* last_ = nullptr;
+    detail::PageChain<Page> pages_;
     mutable Pos pos_;
     bool ascii_ = false;
     mutable int depth_ = 0;
 };
 
 }  // namespace tarvik
+
+// The templates above are defined here, out of the way of the interface.
+#include "tarvik/detail/CommBufferCodec.h"

@@ -5,15 +5,19 @@
 // variables, the log hooks, the console, the thread pool) is a CriticalSection taken through a
 // CriticalSectionHolder, so a lock is never left held by an early return.
 //
+// The library's members that a section guards are marked TARVIK_GUARDED_BY(section) and the functions that
+// need it held TARVIK_REQUIRES(section); clang's -Wthread-safety checks both.
+//
 // Thread safety: enter/leave/try_enter may be called from any thread. A CriticalSection must not be
 // copied or moved, and must not be destroyed while a thread holds it.
 #pragma once
 
+#include "tarvik/ThreadSafety.h"
 #include "tarvik/Types.h"
 
 namespace tarvik {
 
-class TARVIK_EXPORT CriticalSection {
+class TARVIK_CAPABILITY("mutex") TARVIK_EXPORT CriticalSection {
 public:
     CriticalSection();
     ~CriticalSection();
@@ -21,11 +25,11 @@ public:
     CriticalSection& operator=(CriticalSection const&) = delete;
 
     // Blocks until the calling thread holds the section (at once when it already holds it).
-    void enter();
+    void enter() TARVIK_ACQUIRE();
     // REQUIRES: the calling thread holds the section.
-    void leave();
+    void leave() TARVIK_RELEASE();
     // Takes the section when that needs no wait; returns whether it did.
-    bool try_enter();
+    bool try_enter() TARVIK_TRY_ACQUIRE(true);
 
 private:
     // Storage for the platform's lock object, so that no system header reaches this header.
@@ -33,10 +37,10 @@ private:
 };
 
 // Enters a CriticalSection for the lifetime of the holder.
-class CriticalSectionHolder {
+class TARVIK_SCOPED_CAPABILITY CriticalSectionHolder {
 public:
-    explicit CriticalSectionHolder(CriticalSection& cs) : cs_(cs) { cs_.enter(); }
-    ~CriticalSectionHolder() { cs_.leave(); }
+    explicit CriticalSectionHolder(CriticalSection& cs) TARVIK_ACQUIRE(cs) : cs_(cs) { cs_.enter(); }
+    ~CriticalSectionHolder() TARVIK_RELEASE() { cs_.leave(); }
     CriticalSectionHolder(CriticalSectionHolder const&) = delete;
     CriticalSectionHolder& operator=(CriticalSectionHolder const&) = delete;
 

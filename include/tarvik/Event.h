@@ -40,8 +40,9 @@ public:
 
     bool signal();
     bool reset();
-    // Waits at most `timeout` (zero: no limit); true when the event was signalled (and is now cleared),
-    // false on time-out or error.
+    // Waits at most `timeout` (zero or negative: no limit), measured on the monotonic clock so that a change
+    // of the wall clock neither shortens nor stretches it; true when the event was signalled (and is now
+    // cleared), false on time-out or error.
     bool wait(TimePeriod const& timeout);
     bool wait() { return wait(TimePeriod()); }
 

@@ -22,6 +22,7 @@
 #include "tarvik/Array.h"
 #include "tarvik/ListAllocator.h"
 #include "tarvik/Types.h"
+#include "tarvik/detail/PageChain.h"
 
 namespace tarvik {
 
@@ -90,7 +91,7 @@ protected:
     ListNodeBase head_;
     unsigned int size_ = 0;
     unsigned int node_size_;
-    struct Chunk* chunks_ = nullptr;
+    detail::PageChain<struct Chunk> chunks_;  // every chunk of nodes, oldest first
     ListNodeBase* free_ = nullptr;  // released nodes, chained through `next`
     // Nodes of the newest chunk never handed out yet, taken in address order without being chained.
     char* fresh_ = nullptr;

@@ -4,6 +4,9 @@
 // or opens the same name and lives until its last handle closes; if its owner dies holding it, the next
 // locker takes it over. lock() waits without limit, lock(timeout) at most the period, try_lock() not at all.
 //
+// Unlike CriticalSection it carries no compiler-checked locking annotations: every lock may fail (no handle,
+// a time-out, an owner in another process), and nothing in this process is guarded by it alone.
+//
 // Thread safety: lock/unlock from any thread (unlock by the owner); create/open/destruction must not race
 // with other operations on the same object.
 #pragma once

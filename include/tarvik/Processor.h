@@ -15,23 +15,25 @@
 // milliseconds (negative: no limit). Action::stop(processor, true) and abort(processor, true) also take
 // the action out of the processor's queue, then wait for it without limit.
 //
-// terminate() (also run by the destructor) pauses the processor, waits for it to become idle for at most
-// 500 ms (an action that never returns would otherwise hold it forever), asks every worker to stop, polls
-// for at most one second for them to end, and when some remain logs "ERROR: processor will be deleted while
-// %0 threads still running!!" at ERR and sleeps 3 seconds (so a never-returning action costs about 4.5
-// seconds). Trace records at LOG through the unit "PROCESSOR": per action when its level is above 2
+// terminate() (also run by the destructor) pauses the processor, waits for it to become idle, asks every
+// worker to stop and polls for them to end; the wait for idle and the poll share one second in all (an
+// action that never returns would otherwise hold terminate() forever). When workers remain it logs "ERROR:
+// processor will be deleted while %0 threads still running!!" at ERR and sleeps 3 seconds, so a
+// never-returning action costs about 4 seconds. Trace records at LOG through the unit "PROCESSOR": per action when its level is above 2
 // ("Add submitted action %0", "Check free thread ...", "Try remove action ...", "Remove action ...",
 // "Wait idle processor ..."), per thread and for termination when above 0.
 //
-// Thread safety: every operation may be called from any thread. Where the processor's two locks nest, the
-// action lock is taken inside the thread lock, never the other way round; action counters use one
-// process-wide lock of their own, taken inside either.
+// Thread safety: every operation may be called from any thread. A processor has an action lock (its queue,
+// its running list and their counts) and a thread lock (its workers and the idle count); the two are never
+// held together: a submission releases the action lock before its check for an idle worker takes the thread
+// lock. Action counters use one process-wide lock of their own, taken inside either.
 #pragma once
 
 #include <atomic>
 
 #include "tarvik/AutoRef.h"
 #include "tarvik/List.h"
+#include "tarvik/ThreadSafety.h"
 #include "tarvik/Types.h"
 
 namespace tarvik {
@@ -82,11 +84,14 @@ public:
 
 private:
     friend class ProcessorImpl;
+    // The process-wide lock of every action's counters, made on first use; get_cs() returns it.
+    static CriticalSection& counter_lock_();
+
     std::atomic<bool> to_stop_{false};
     std::atomic<bool> to_abort_{false};
-    int submitted_ = 0;
-    int running_ = 0;
-    int runs_ = 0;
+    int submitted_ TARVIK_GUARDED_BY(counter_lock_()) = 0;
+    int running_ TARVIK_GUARDED_BY(counter_lock_()) = 0;
+    int runs_ TARVIK_GUARDED_BY(counter_lock_()) = 0;
 };
 
 using ActionList = List<AutoRef<Action>, TvkListAllocator<AutoRef<Action>>>;

@@ -27,6 +27,7 @@
 #include <type_traits>
 
 #include "tarvik/Types.h"
+#include "tarvik/detail/PageChain.h"
 
 namespace tarvik {
 
@@ -104,8 +105,9 @@ public:
     // Appenders return the number of bytes appended. A null text appends nothing and returns 0; a text
     // stops at its NUL, which is not stored.
     unsigned int append(char c) {
-        if (last_ && last_->used < page_size_) {  // room in the last page: no call, no page to add
-            last_->data()[last_->used++] = c;
+        Page* last = pages_.last();
+        if (last && last->used < page_size_) {  // room in the last page: no call, no page to add
+            last->data()[last->used++] = c;
             ++size_;
             return 1;
         }
@@ -132,15 +134,15 @@ public:
     // Takes over the other's page size, size and pages; the other is left empty with its page size.
     void splice(StringBuffer& other);
 
-    Iterator begin() { return Iterator(first_); }
+    Iterator begin() { return Iterator(pages_.first()); }
     Iterator end() { return Iterator(); }
-    ConstIterator begin() const { return ConstIterator(first_); }
+    ConstIterator begin() const { return ConstIterator(pages_.first()); }
     ConstIterator end() const { return ConstIterator(); }
     ConstIterator cbegin() const { return begin(); }
     ConstIterator cend() const { return end(); }
-    Page* first_page() { return first_; }
-    Page const* first_page() const { return first_; }
-    Page* last_page() { return last_; }
+    Page* first_page() { return pages_.first(); }
+    Page const* first_page() const { return pages_.first(); }
+    Page* last_page() { return pages_.last(); }
 
     int compare(StringBuffer const& other) const;
     int compare(char const* other) const;
@@ -190,8 +192,7 @@ private:
 
     unsigned int page_size_;
     unsigned int size_ = 0;
-    Page* first_ = nullptr;
-    Page* last_ = nullptr;
+    detail::PageChain<Page> pages_;
 };
 
 }  // namespace tarvik
