@@ -43,13 +43,15 @@
 // gives the same buffer); a header whose magic, digits or hexadecimal length is malformed, or whose
 // length is below 21, logs "CommBuffer::Page::update_from_header: INVALID HEADER!" and ends the read with
 // -1. A page's storage grows as its bytes arrive, so a header that announces 4 GiB costs only what
-// actually comes. Transports fill pages in place with allocate()/add_size() or allocate_in_new_page().
+// actually comes; when that growth cannot be allocated, the read ends with -1 and "CommBuffer::read: NO
+// MEMORY FOR A PAGE OF %0 BYTES" (the announced length) at ERR. Transports fill pages in place with allocate()/add_size() or allocate_in_new_page().
 //
 // Thread safety: none. One thread uses a buffer at a time; the read position changes in const reads, so
 // a const buffer is not shareable between reading threads either.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <type_traits>
 
 #include "tarvik/AString.h"
@@ -295,7 +297,7 @@ private:
     // The names written to or read from this buffer: position p (from 1) is element p - 1. Past
     // kScannedNames names, a hash index finds a name's position.
     mutable Array<SymbolEntry const*> dictionary_;
-    mutable HMap<SymbolEntry const*, unsigned int>* name_index_ = nullptr;
+    mutable std::unique_ptr<HMap<SymbolEntry const*, unsigned int>> name_index_;
     unsigned int page_size_;
     unsigned int size_ = 0;
     detail::PageChain<Page> pages_;
