@@ -13,11 +13,7 @@ TARVIK_LOG_UNIT()
 namespace tarvik::mutex_impl {
 
 struct Handle {
-    explicit Handle(named_sync::Object* o) : object(o) {}
-    ~Handle() { named_sync::close(object); }
-    Handle(Handle const&) = delete;
-    Handle& operator=(Handle const&) = delete;
-    named_sync::Object* object;
+    named_sync::ObjectPtr object;
 };
 
 // Handle is complete only in this half, so the deleter of its unique_ptr is defined here.
@@ -25,8 +21,8 @@ void CloseHandle::operator()(Handle* h) const { std::default_delete<Handle>()(h)
 
 namespace {
 
-HandlePtr wrap(named_sync::Object* object) {
-    return HandlePtr(object ? memory::create<Handle>(object) : nullptr);
+HandlePtr wrap(named_sync::ObjectPtr object) {
+    return HandlePtr(object ? memory::create<Handle>(std::move(object)) : nullptr);
 }
 
 }  // namespace
@@ -42,15 +38,15 @@ HandlePtr open(char const* name) {
 }
 
 int lock(Handle* h, long ms) {
-    int r = named_sync::lock(h->object, Deadline::in_ms(ms));
+    int r = named_sync::lock(h->object.get(), Deadline::in_ms(ms));
     if (r == 0) return 1;
     if (r == ETIMEDOUT) return 0;
     errno = r;
     return -1;
 }
 
-bool try_lock(Handle* h) { return named_sync::try_lock(h->object) == 0; }
+bool try_lock(Handle* h) { return named_sync::try_lock(h->object.get()) == 0; }
 
-void unlock(Handle* h) { named_sync::unlock(h->object); }
+void unlock(Handle* h) { named_sync::unlock(h->object.get()); }
 
 }  // namespace tarvik::mutex_impl
