@@ -809,7 +809,7 @@ long CommBuffer::write(OBStream& out) const {
     return total;
 }
 
-long CommBuffer::read(IBStream& in) {
+long CommBuffer::read(IBStream& in, unsigned int max_size) {
     clear();
     constexpr unsigned int kFirstRoom = 64 * 1024;
     long total = 0;
@@ -824,6 +824,10 @@ long CommBuffer::read(IBStream& in) {
         Header header;
         if (!parse_header(raw, header) || header.length < kHeaderSize) {
             log_invalid_header();
+            return -1;
+        }
+        if (header.length > max_size - size_) {
+            TVK_LOG(LEVEL_ERR, "CommBuffer::read: stream larger than %0 bytes") << max_size;
             return -1;
         }
         // The page grows as its bytes arrive: a header may announce more than will ever come.

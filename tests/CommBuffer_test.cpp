@@ -631,6 +631,27 @@ TEST(CommBuffer, TruncatedStreamNeverYieldsABuffer) {
     }
 }
 
+TEST(CommBuffer, StreamBeyondTheMaximumSizeIsRefusedAtThePageThatCrossesIt) {
+    CommBuffer b(64);
+    b.write(all_kinds());
+    std::string const bytes = wire(b);
+    auto const whole = static_cast<unsigned int>(bytes.size());
+    for (unsigned int max : {whole, whole - 1, 64u, 20u}) {
+        CommBuffer got;
+        IBStream in;
+        in.open(new ChunkedInput(bytes, 0));
+        StdoutCapture out;
+        long const r = got.read(in, max);
+        if (max == whole) {
+            EXPECT_EQ(r, static_cast<long>(whole));
+        } else {
+            EXPECT_EQ(r, -1) << max;
+            EXPECT_EQ(out.records_with("stream larger than " + std::to_string(max) + " bytes"), 1) << max;
+            EXPECT_LE(got.size(), max);
+        }
+    }
+}
+
 TEST(CommBuffer, TruncatedTupleFailsOrComesBackIncomplete) {
     Tuple const t = all_kinds();
     CommBuffer whole(64);

@@ -5,6 +5,8 @@
 #include <string>
 
 #include "tarvik/AString.h"
+#include "tarvik/GlobVar.h"
+#include "tarvik/Symbol.h"
 #include "tarvik/Tuple.h"
 
 namespace tarvik::test {
@@ -59,6 +61,21 @@ struct Tracked {
     Tracked(Tracked&& o) noexcept : value(o.value), text(static_cast<AString&&>(o.text)) { ++live; }
     Tracked& operator=(Tracked const&) = default;
     ~Tracked() { --live; }
+};
+
+// Sets an integer global variable (module, name) for the length of a test and restores it at the end.
+class IntVar {
+public:
+    IntVar(char const* module, char const* name, int value)
+        : module_(module), name_(name), saved_(GlobVarInt::set(module_, name_, value)) {}
+    ~IntVar() { GlobVarInt::set(module_, name_, saved_); }
+    IntVar(IntVar const&) = delete;
+    IntVar& operator=(IntVar const&) = delete;
+
+private:
+    Symbol module_;
+    Symbol name_;
+    int saved_;
 };
 
 // One attribute of every kind, named by its code: values of several integer bytes, negative numbers, empty

@@ -261,7 +261,8 @@ TARVIK_EXPORT long write_xml(AString const& text, OBStream& out);
 // bits. A code point below 65536 becomes one character (its low 8 bits); a larger one becomes two: the
 // code point / 65535 and the code point % 65535, each as its low 8 bits (65535, not 65536: a fixed rule of
 // this form). Other bytes (stray continuations, 254, 255) are copied as they are; a sequence cut short by
-// the end of the text is dropped. `out` is replaced.
+// the end of the text is dropped. `out` is replaced. Limits: nothing nests, and `out` is never longer
+// than the input.
 TARVIK_EXPORT void DecodeFromUTF8(AString const& utf8, AString& out);
 // Converts UTF-8 to the system's narrow code page through wide text, as AString(wchar_t const*) does,
 // trailing NUL included. On Linux the system code page is UTF-8, so the bytes come back (with the NUL

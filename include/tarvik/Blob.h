@@ -22,7 +22,8 @@
 // "0"-"9", "+", "/", padding "="), a line feed between lines of 76 characters (never at the end). Reading
 // takes base64 characters, "=" and white space from the stream's current character on and stops, without
 // consuming it, at the first other character; a count of characters that is not a non-zero multiple of 4,
-// or any malformed group, clears the blob and yields 0.
+// or any malformed group, clears the blob and yields 0. Limits: nothing nests; the text is gathered as it
+// arrives and the blob is sized from the characters actually read (3 bytes per 4), never from a count.
 //
 // Files: write(path) creates or truncates the file and returns 1 + the bytes written, 1 when the file
 // cannot be created (nothing is logged), -1 after a failed write. read(path) returns 1, or -1 when the

@@ -43,8 +43,12 @@
 // gives the same buffer); a header whose magic, digits or hexadecimal length is malformed, or whose
 // length is below 21, logs "CommBuffer::Page::update_from_header: INVALID HEADER!" and ends the read with
 // -1. A page's storage grows as its bytes arrive, so a header that announces 4 GiB costs only what
-// actually comes; when that growth cannot be allocated, the read ends with -1 and "CommBuffer::read: NO
-// MEMORY FOR A PAGE OF %0 BYTES" (the announced length) at ERR. Transports fill pages in place with allocate()/add_size() or allocate_in_new_page().
+// actually comes; the pages together may hold at most `max_size` bytes (headers included, at most
+// kMaxStreamSize, the most a buffer's 32-bit size can count): a stream that would carry more logs
+// "CommBuffer::read: stream larger than %0 bytes" and ends the read with -1 before that page is kept. When
+// a page cannot grow to its announced length, the read ends with -1 and "CommBuffer::read: NO MEMORY FOR
+// A PAGE OF %0 BYTES" (the announced length) at ERR. Transports fill pages in place with
+// allocate()/add_size() or allocate_in_new_page().
 //
 // Thread safety: none. One thread uses a buffer at a time; the read position changes in const reads, so
 // a const buffer is not shareable between reading threads either.
@@ -240,8 +244,10 @@ public:
     // --- streams and files ------------------------------------------------------------------------
     // Marks the final page, rewrites every header and puts every page on the stream; the byte count.
     long write(OBStream& out) const;
+    // The most bytes read(IBStream&) takes into one buffer.
+    static constexpr unsigned int kMaxStreamSize = 0xFFFFFFFFu;
     // Replaces the buffer by the pages read from the stream (see the header comment); bytes read or -1.
-    long read(IBStream& in);
+    long read(IBStream& in, unsigned int max_size = kMaxStreamSize);
     // -1 and "CANNOT OPEN OUTPUT FILE '%0'" / "CANNOT OPEN INPUT FILE '%0'" when the file cannot be opened.
     long write_file(Path const& path) const;
     long read_file(Path const& path);

@@ -12,6 +12,9 @@
 // references; a document type declaration (<!DOCTYPE ...>) is refused, so no entity can expand. Nesting is
 // limited to kMaxDepth elements and an element to kMaxAttributes attributes. Element and attribute names are
 // checked, end tags must match their start tags, and the document must end after its root element.
+// Limits: nesting kMaxDepth (256) elements, kMaxAttributes (64) attributes per element, names of at most
+// 1024 characters, 12 characters between "&" and ";" of a reference. A text, CDATA section or attribute
+// value has no limit of its own: it grows only as its characters arrive, so memory follows the input.
 // Carriage returns are kept as they are (no line-end normalisation), so that the library's own texts read
 // back unchanged.
 //
@@ -101,7 +104,7 @@ private:
 // strings ("..." or '...' with the escapes \" \' \\ \n \r \t and \xHH) and single punctuation
 // characters. White space and comments ("#" or "//" to the end of the line) separate tokens. Malformed input
 // (an unterminated string, a bad escape, an integer out of range, a control character) logs
-// "TOKEN: %0 AT LINE %1 COLUMN %2".
+// "TOKEN: %0 AT LINE %1 COLUMN %2". Limits: nothing nests; a token grows only as its characters arrive.
 class TARVIK_EXPORT TokenParser {
 public:
     enum Kind { kEnd, kIdentifier, kInteger, kNumber, kString, kPunctuation, kError };
@@ -144,7 +147,8 @@ private:
 // IniParser reads INI text line by line: "[section]" headers, "key = value" entries (key and value trimmed;
 // a value in double quotes loses them), and comments on lines of their own starting with ";" or "#".
 // Entries before any section belong to the section "". A header without its "]" or with an empty name, or a
-// line that is neither, logs "INI: %0 AT LINE %1 COLUMN %2".
+// line that is neither, logs "INI: %0 AT LINE %1 COLUMN %2". Limits: nothing nests; a line grows only as
+// its characters arrive.
 class TARVIK_EXPORT IniParser {
 public:
     enum Event { kSection, kEntry, kDone, kError };

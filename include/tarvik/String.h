@@ -247,7 +247,8 @@ TARVIK_EXPORT void EncodeToUTF8(WChar const* text, AString& out);
 #endif
 // The inverse, with AString's lead-byte rules (DecodeFromUTF8(AString const&, AString&)): each decoded
 // code point below 65536 is one unit, one above is a surrogate pair (above U+10FFFF: U+FFFD); stray
-// bytes are taken as the unit of the same value; a sequence cut short by the end is dropped.
+// bytes are taken as the unit of the same value; a sequence cut short by the end is dropped. Limits:
+// nothing nests, and the result never has more units than the input has bytes.
 TARVIK_EXPORT void DecodeFromUTF8(AString const& utf8, String& out);
 
 }  // namespace tarvik

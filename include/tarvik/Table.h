@@ -14,7 +14,8 @@
 //
 // with the values of a line written as a tuple's attributes are (see Tuple.h). Reading reports malformed
 // input like a tuple's XML ("MARKUP %0 EXPECTED %1", "ATT NAME EXPECTED %0 %1", "XML: ...") and returns -1,
-// leaving the table unchanged.
+// leaving the table unchanged. Limits: the XML parser's (Parser.h), XmlParser::kMaxDepth (256) open
+// elements; columns and lines take only what their elements bring.
 //
 // Thread safety: a table is used by one thread at a time.
 #pragma once

@@ -29,7 +29,9 @@
 // the conversions %Y %C %y %m %d %e %H %k %I %l %M %S %Q (milliseconds) %q (microseconds) %s %f %D %T %r
 // %c %x %X %n %t, an optional "-" (pad right) or "0" (pad with zeros) flag and a minimum width ("%-5Y");
 // any other letter stands for itself. The default format is "%Y-%m-%d %H:%M:%S.%Q"; the XML form is
-// "%Y:%m:%dT%H:%M:%S.%Q".
+// "%Y:%m:%dT%H:%M:%S.%Q". Limits on the texts read: a period or date text is at most 29 characters
+// (read_xml stops there); a width in a format counts up to 9999 and composite conversions (%c, %D ...)
+// expand fixed formats, never the caller's, so a format costs at most 9999 characters per conversion.
 //
 // Arithmetic on the seconds wraps around at the ends of the 64-bit range (as the machine's does) rather
 // than overflowing: extreme values give wrapped results, never a fault.

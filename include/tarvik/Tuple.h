@@ -85,7 +85,9 @@
 // references (so indentation never reaches inside a value); other characters below 32 except tab are
 // dropped, as in every XML text of the library. Malformed input logs "CLASS NAME EXPECTED %0 %1" (a t
 // without n), "ATT NAME EXPECTED %0 %1" (a value without a), "MARKUP %0 EXPECTED %1", or the parser's
-// "XML: %0 AT LINE %1 COLUMN %2" (see Parser.h), and reading fails.
+// "XML: %0 AT LINE %1 COLUMN %2" (see Parser.h), and reading fails. Limits: the parser's (Parser.h): at
+// most XmlParser::kMaxDepth (256) open elements (a tuple in a list takes two); a value text grows only as
+// its characters arrive.
 //
 // Thread safety: a tuple is used by one thread at a time.
 #pragma once
@@ -297,7 +299,8 @@ public:
     // write returns the bytes written; read replaces the tuple from the read position and returns the bytes
     // read, or a negative value: a class name that cannot be read leaves the tuple untouched; an attribute
     // whose name cannot be read logs "READ INVALID ATT IN COMM BUFFER type=%0 r=%1 att=%2", an unknown kind
-    // "READ %0 INVALID TYPE IN COMM BUFFER" (attributes read so far stay).
+    // "READ %0 INVALID TYPE IN COMM BUFFER" (attributes read so far stay). Limits are the buffer's
+    // (CommBuffer.h): nesting at most CommBuffer::kMaxDepth (128), and no length or count beyond the bytes left.
     // An ASCII buffer (CommBuffer::is_ascii()) carries the tuple's XML text instead, and the result is that of
     // the XML writing / reading; when the global variable "TVK.COMM" "REQUESTS.XML.SAVE" is not 0, each such
     // write and read also saves the buffer's text (headers included) to "./debug-req-NNNNN-write.txt" /
@@ -318,7 +321,8 @@ public:
     // pattern. With an escape character (backslash by default, 0 for none), an escape inside a capture is
     // dropped and the character after it taken literally; an escape that starts a capture is ordinary.
     // "SHM:%(address):%(size)" takes "SHM:name:65536" apart as "name" and "65536", so callers try their
-    // longer patterns first.
+    // longer patterns first. Limits: a capture grows only as the text's characters arrive; a tuple capture
+    // has from_string's (nesting at most 128 deep).
     bool match(AString const& pattern, AString const& text);
     bool match(AString const& pattern, AString const& text, char escape);
     bool match(AString const& pattern, IBStream& in);

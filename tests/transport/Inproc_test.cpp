@@ -144,6 +144,29 @@ TEST(Inproc, StopFailsCallsStuckPastTheListenersTimeoutAndUnlinkWaitsForThem) {
     EXPECT_EQ(echo.get_listener(), nullptr);
 }
 
+// A callback that stops its own listener from inside a call.
+struct StopsItsListener : Listener::Callback {
+    void on_request(Tuple const&, Tuple& reply) override {
+        get_listener()->stop();
+        reply.set_int("stopped", 1);
+    }
+};
+
+TEST(Inproc, CallbackStoppingItsOwnListenerStillAnswersItsCall) {
+    init();
+    AutoRef<Listener> listener("INPROC:self-stop");
+    StopsItsListener callback;
+    listener->set_callback(callback);
+    ASSERT_TRUE(listener->start());
+    AutoRef<Sender> sender("INPROC:self-stop");
+    Tuple reply;
+    StdoutCapture log;
+    ASSERT_EQ(sender->call(Tuple("x"), reply), Sender::CALL_OK);
+    EXPECT_EQ(reply.get_int("stopped", 0), 1);
+    EXPECT_TRUE(listener->is_stopped());
+    EXPECT_EQ(log.records_with("WORKERS STILL BUSY"), 0);
+}
+
 // A method of one manager's service that calls another manager's service through a proxy.
 struct Relay : Service::CallMethod {
     Relay() : CallMethod("relay", "forward") {}

@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "ServiceSupport.h"
 #include "TestSupport.h"
 #include "tarvik/CommBuffer.h"
 #include "tarvik/GlobVar.h"
@@ -17,35 +18,11 @@
 #include "tarvik/Tuple.h"
 
 using namespace tarvik;
+using tarvik::test::IntVar;
+using tarvik::test::LogLevel;
 using tarvik::test::StdoutCapture;
 
 namespace {
-
-class IntVar {
-public:
-    IntVar(char const* module, char const* name, int value)
-        : module_(module), name_(name), saved_(GlobVarInt::set(module_, name_, value)) {}
-    ~IntVar() { GlobVarInt::set(module_, name_, saved_); }
-    IntVar(IntVar const&) = delete;
-    IntVar& operator=(IntVar const&) = delete;
-
-private:
-    Symbol module_;
-    Symbol name_;
-    int saved_;
-};
-
-class LogLevel {
-public:
-    LogLevel(char const* unit, int level) : unit_(unit), saved_(GlobVarLog::set(Symbol("TVK"), Symbol(unit), level)) {}
-    ~LogLevel() { GlobVarLog::set(Symbol("TVK"), Symbol(unit_), saved_); }
-    LogLevel(LogLevel const&) = delete;
-    LogLevel& operator=(LogLevel const&) = delete;
-
-private:
-    char const* unit_;
-    int saved_;
-};
 
 TimePeriod seconds(int s) { return TimePeriod(std::int64_t{s}, 0, false); }
 

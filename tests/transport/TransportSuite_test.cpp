@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "ServiceSupport.h"
 #include "TestSupport.h"
 #include "tarvik/Blob.h"
 #include "tarvik/GlobVar.h"
@@ -29,6 +30,8 @@
 
 using namespace tarvik;
 using tarvik::test::all_kinds;
+using tarvik::test::IntVar;
+using tarvik::test::Method;
 using tarvik::test::run_together;
 using tarvik::test::StdoutCapture;
 
@@ -43,44 +46,21 @@ char const* module_of(std::string const& address) {
     return "TVK.TCPIP";
 }
 
-// Sets an integer global variable for the length of a test.
-class IntVar {
-public:
-    IntVar(char const* module, char const* name, int value)
-        : module_(module), name_(name), saved_(GlobVarInt::set(module_, name_, value)) {}
-    ~IntVar() { GlobVarInt::set(module_, name_, saved_); }
-    IntVar(IntVar const&) = delete;
-    IntVar& operator=(IntVar const&) = delete;
-
-private:
-    Symbol module_;
-    Symbol name_;
-    int saved_;
-};
-
-// A method whose body is a function; process-lifetime (registered once).
-struct Method : Service::CallMethod {
-    Method(char const* method, std::function<long(Tuple const&, Tuple&)> body)
-        : CallMethod("echo", method), body_(std::move(body)) {}
-    long call(Tuple const& in, Tuple& out) override { return body_(in, out); }
-    std::function<long(Tuple const&, Tuple&)> body_;
-};
-
 // The interface the session method reads the caller's context through.
 std::atomic<Interface*> g_echo{nullptr};
 
 // echo.copy: out = in, result 7. echo.sleep: sleeps "ms", result 1. echo.session: returns the caller's
 // session context in "seen" and counts the calls in it ("calls"), result 3.
 void register_methods() {
-    static Method* const copy = new Method("copy", [](Tuple const& in, Tuple& out) {
+    static Method* const copy = new Method("echo", "copy", [](Tuple const& in, Tuple& out) {
         out = in;
         return 7L;
     });
-    static Method* const sleep = new Method("sleep", [](Tuple const& in, Tuple& out) {
+    static Method* const sleep = new Method("echo", "sleep", [](Tuple const& in, Tuple& out) {
         std::this_thread::sleep_for(std::chrono::milliseconds(in.get_int("ms", 0)));
         return 1L;
     });
-    static Method* const session = new Method("session", [](Tuple const& in, Tuple& out) {
+    static Method* const session = new Method("echo", "session", [](Tuple const& in, Tuple& out) {
         Tuple context;
         g_echo.load()->get_session_context(context);
         out.set_tuple("seen", context);
@@ -245,6 +225,23 @@ TEST_P(Transport, AnswerCarriesTheRequestTimestampUnchanged) {
     EXPECT_TRUE(*echoed == sent);
 }
 
+TEST_P(Transport, RequestNestedTooDeepFailsWithARecordAndTheListenerServesOn) {
+    Tuple args("copy");
+    for (int level = 0; level < 1000; ++level) {
+        Tuple outer("copy");
+        outer.set_tuple("inner", args);
+        args = static_cast<Tuple&&>(outer);
+    }
+    Tuple answer;
+    {
+        StdoutCapture log;
+        EXPECT_LT(exchange(call_request("suite.echo", "main", args), answer), 0);
+        EXPECT_GE(log.records_with("nesting deeper than 128"), 1);
+    }
+    ASSERT_EQ(exchange(call_request("suite.echo", "main", Tuple("copy")), answer), Sender::CALL_OK);
+    EXPECT_EQ(answer.get_int("r", 0), 7);
+}
+
 TEST_P(Transport, MethodOutlivingTheForcedTimeoutFailsTheCallAndTheNextCallSucceeds) {
     AutoRef<Service> proxy = bind_proxy();
     ASSERT_TRUE(proxy);
@@ -336,7 +333,11 @@ TEST_P(Transport, ThousandBindCallReleaseCyclesKeepThreadsAndMemoryFlat) {
         if (!cycle()) failures++;
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(thread_count(), threads);
+#if !defined(__SANITIZE_ADDRESS__)  // the sanitizer holds freed blocks back; its leak check stands in
     EXPECT_LT(resident_kib() - memory, 4096);
+#else
+    (void)memory;
+#endif
 }
 
 INSTANTIATE_TEST_SUITE_P(Addresses, Transport, ::testing::ValuesIn(kAddresses),

@@ -23,7 +23,8 @@
 // stop(): the name is freed, requests not yet taken fail with Sender::CALL_PEER_CLOSED, requests in the
 // callback get the listener's communication time-out to finish; calls still running then fail with
 // CALL_PEER_CLOSED, their workers are left to end on their own ("INPROC LISTENER '%0': %1 WORKERS STILL
-// BUSY AT STOP" at ERR) and every other worker is joined.
+// BUSY AT STOP" at ERR) and every other worker is joined. A callback that stops its own listener is not
+// waited for: its call is answered and its worker ends after it.
 //
 // Thread safety: as Listener.h and Sender.h state; every lock below names what it guards.
 #pragma once

@@ -43,6 +43,10 @@ void free_name(AString const& name, InprocPort const* port) {
     if (!held || held.get() == port) r.ports.erase(it);
 }
 
+// The port whose worker this thread is, so that a callback stopping its own listener does not wait for
+// its own call.
+thread_local InprocPort const* tls_port = nullptr;
+
 }  // namespace
 
 std::shared_ptr<InprocPort> find_inproc_port(AString const& name) {
@@ -54,11 +58,15 @@ std::shared_ptr<InprocPort> find_inproc_port(AString const& name) {
 
 // --- InprocExchange -------------------------------------------------------------------------------------
 
+// Waiters are woken after the lock is dropped, so that they do not wake only to wait for it. Whoever
+// settles an exchange holds a reference to it, so the condition variable outlives the notification.
 bool InprocExchange::fail(int why) {
-    std::lock_guard<std::mutex> hold(mutex);
-    if (state != QUEUED && state != TAKEN) return false;
-    state = FAILED;
-    result = why;
+    {
+        std::lock_guard<std::mutex> hold(mutex);
+        if (state != QUEUED && state != TAKEN) return false;
+        state = FAILED;
+        result = why;
+    }
     settled.notify_all();
     return true;
 }
@@ -76,7 +84,7 @@ InprocPort::~InprocPort() {
 }
 
 bool InprocPort::post(std::shared_ptr<InprocExchange> const& exchange) {
-    std::lock_guard<std::mutex> hold(mutex_);
+    std::unique_lock<std::mutex> hold(mutex_);
     if (stopping_) return false;
     queue_.push_back(exchange);
     // Workers not serving a request will take the queued ones; another is started only when the queue is
@@ -90,6 +98,7 @@ bool InprocPort::post(std::shared_ptr<InprocExchange> const& exchange) {
         w->thread = std::thread([self = shared_from_this(), w] { self->run_worker_(w); });
         if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "INPROC LISTENER '%0' STARTS WORKER %1") << address_ << static_cast<int>(workers_.size());
     }
+    hold.unlock();
     wake_.notify_one();
     return true;
 }
@@ -100,6 +109,7 @@ bool InprocPort::is_stopped() {
 }
 
 void InprocPort::run_worker_(Worker* worker) {
+    tls_port = this;
     std::unique_lock<std::mutex> hold(mutex_);
     for (;;) {
         while (queue_.empty() && !stopping_) wake_.wait(hold);
@@ -161,13 +171,16 @@ void InprocPort::settle_(InprocExchange& exchange, Outcome& outcome) {
         return;
     }
     unsigned int size = outcome.answer.size();
-    std::lock_guard<std::mutex> hold(exchange.mutex);
-    if (exchange.state != InprocExchange::TAKEN) return;  // the caller gave up, or the port stopped
-    exchange.answer.splice(outcome.answer);
-    exchange.state = InprocExchange::ANSWERED;
+    {
+        std::lock_guard<std::mutex> hold(exchange.mutex);
+        if (exchange.state != InprocExchange::TAKEN) return;  // the caller gave up, or the port stopped
+        exchange.answer.splice(outcome.answer);
+        exchange.state = InprocExchange::ANSWERED;
+        // Counted before the caller wakes, so that what it reads next includes its own call.
+        state.requests++;
+        state.bytes_out += size;
+    }
     exchange.settled.notify_all();
-    state.requests++;
-    state.bytes_out += size;
 }
 
 void InprocPort::stop(int wait_ms) {
@@ -186,14 +199,19 @@ void InprocPort::stop(int wait_ms) {
     int stuck = 0;
     {
         std::unique_lock<std::mutex> hold(mutex_);
+        int const own = tls_port == this ? 1 : 0;  // stopped from inside a callback of this port
         Deadline deadline = Deadline::in_ms(wait_ms);
         if (deadline.is_never()) {
-            quiet_.wait(hold, [this] { return busy_ == 0; });
+            quiet_.wait(hold, [this, own] { return busy_ <= own; });
         } else {
-            quiet_.wait_until(hold, deadline.when(), [this] { return busy_ == 0; });
+            quiet_.wait_until(hold, deadline.when(), [this, own] { return busy_ <= own; });
         }
         for (auto& w : workers_) {
-            if (w->current) {
+            if (w->thread.get_id() == std::this_thread::get_id()) {
+                // This worker answers its own call, then ends.
+                w->thread.detach();
+                detached_.push_back(static_cast<std::unique_ptr<Worker>&&>(w));
+            } else if (w->current) {
                 w->current->fail(Sender::CALL_PEER_CLOSED);
                 ++stuck;
                 w->thread.detach();
@@ -205,13 +223,7 @@ void InprocPort::stop(int wait_ms) {
         workers_.clear();
     }
     if (stuck) TVK_LOG(LEVEL_ERR, "INPROC LISTENER '%0': %1 WORKERS STILL BUSY AT STOP") << address_ << stuck;
-    for (auto& w : ending) {
-        if (w->thread.get_id() == std::this_thread::get_id()) {
-            w->thread.detach();  // stopped from inside a callback: this worker ends when the callback returns
-        } else {
-            w->thread.join();
-        }
-    }
+    for (auto& w : ending) w->thread.join();
 }
 
 // --- INPROCListener ---------------------------------------------------------------------------------------
