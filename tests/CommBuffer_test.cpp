@@ -639,7 +639,7 @@ TEST(CommBuffer, StreamBeyondTheMaximumSizeIsRefusedAtThePageThatCrossesIt) {
     for (unsigned int max : {whole, whole - 1, 64u, 20u}) {
         CommBuffer got;
         IBStream in;
-        in.open(new ChunkedInput(bytes, 0));
+        in.open(std::make_unique<ChunkedInput>(bytes, 0));
         StdoutCapture out;
         long const r = got.read(in, max);
         if (max == whole) {
