@@ -685,11 +685,11 @@ void DecodeFromUTF8(char const* utf8, AString& out) {
     }
     // Room for (length + 4) units, as every UTF-8 text fits in as many units as it has bytes.
     unsigned int room = len + 4;
-    auto* units = static_cast<WChar*>(memory::allocate(room * sizeof(WChar)));
+    std::unique_ptr<WChar[], memory::Free> block(static_cast<WChar*>(memory::allocate(room * sizeof(WChar))));
+    WChar* units = block.get();
     int error = 0;
     long n = astring_impl::utf8_to_units(utf8 ? utf8 : "", len, units, room, &error);
     if (n < 0) {
-        std::free(units);
         out.clear();
         TVK_LOG(LEVEL_ERR, "cannot convert String to AString: err=%0") << error;
         return;
@@ -701,7 +701,6 @@ void DecodeFromUTF8(char const* utf8, AString& out) {
 #else
     assign_converted(result, units, static_cast<unsigned int>(n) + 1, astring_impl::units_to_system);
 #endif
-    std::free(units);
     out.splice(result);
 }
 

@@ -1,6 +1,7 @@
 #include "tarvik/AutoRef.h"
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/AString.h"
 #include "tarvik/Array.h"
 #include "tarvik/CriticalSection.h"
@@ -14,7 +15,7 @@ namespace {
 constexpr int kDestroying = -1000;
 
 CriticalSection& counts_section() {
-    static CriticalSection* const section = new CriticalSection;
+    static CriticalSection* const section = memory::create<CriticalSection>();
     return *section;
 }
 
@@ -38,7 +39,7 @@ void RefObject::release() {
             destroy = true;
         }
     }
-    if (destroy) delete this;
+    if (destroy) delete this;  // the counted base owns itself: the last release frees the object
 }
 
 void RefObject::nested_attach() {
@@ -95,7 +96,7 @@ struct FactoryList {
 };
 
 FactoryList& factories() {
-    static FactoryList* const list = new FactoryList;
+    static FactoryList* const list = memory::create<FactoryList>();
     return *list;
 }
 

@@ -1,9 +1,11 @@
 #include "tarvik/Blob.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include "FileImpl.h"
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/AString.h"
 #include "tarvik/IOBStream.h"
 #include "tarvik/Path.h"
@@ -39,7 +41,7 @@ Blob& Blob::operator=(Blob&& other) noexcept {
 Blob::~Blob() { clear(); }
 
 char* Blob::clear() {
-    if (allocated_ != kBorrowed) delete[] content_;
+    if (allocated_ != kBorrowed) std::free(content_);  // the owned array is raw storage by design
     allocated_ = size_ = 0;
     content_ = nullptr;
     return content_;
@@ -61,13 +63,13 @@ char* Blob::set(char const* data, unsigned int size, unsigned int allocated) {
         size_ = size;
         return content_;
     }
-    char* fresh = new char[need];
+    auto* fresh = static_cast<char*>(memory::allocate(need));
     if (data) {
         // The previous array is not released on this path: the fixed behaviour of this version.
         if (size) std::memcpy(fresh, data, size);
     } else {
         if (size_) std::memcpy(fresh, content_, size_);
-        delete[] content_;
+        std::free(content_);
     }
     content_ = fresh;
     allocated_ = need;
@@ -82,9 +84,9 @@ char* Blob::set_allocated_size(unsigned int n) {
     if (n == allocated_) return content_;
     if (n < size_) n = size_;
     if (n == 0) return clear();
-    char* fresh = new char[n];
+    auto* fresh = static_cast<char*>(memory::allocate(n));
     if (size_) std::memcpy(fresh, content_, size_);
-    delete[] content_;
+    std::free(content_);
     content_ = fresh;
     allocated_ = n;
     return content_;
@@ -242,12 +244,11 @@ long read_all(file_impl::Handle h, char* dest, unsigned int n) {
     return done;
 }
 
-// The size of an open file when it fits a blob (below 4 GiB), else false.
-bool blob_sized(file_impl::Handle h, unsigned int* out) {
-    unsigned long long size = 0;
-    if (!file_impl::size(h, &size) || size >= Blob::kBorrowed) return false;
-    *out = static_cast<unsigned int>(size);
-    return true;
+// Whether a file size (input: the file is anyone's) is within Blob::kMaxFileSize; the record when not.
+bool within_limit(unsigned long long size, char const* key, Path const& path) {
+    if (size <= Blob::kMaxFileSize) return true;
+    TVK_LOG(LEVEL_ERR, key) << path.get_text() << size << Blob::kMaxFileSize;
+    return false;
 }
 
 }  // namespace
@@ -274,13 +275,25 @@ long Blob::read(Path const& path) {
         TVK_LOG(LEVEL_ERR, "CANNOT OPEN(R) FILE '%0' [%1]") << path.get_text() << get_last_system_error_text();
         return -1;
     }
-    unsigned int size = 0;
-    if (!blob_sized(h, &size)) {
+    unsigned long long size = 0;
+    if (!file_impl::size(h, &size)) {
         file_impl::close(h);
         return 1;
     }
-    set_allocated_size(size);
-    long r = read_all(h, content_, size);
+    if (!within_limit(size, "CANNOT READ(R) FILE '%0': SIZE %1 OVER LIMIT %2", path)) {
+        file_impl::close(h);
+        return -1;
+    }
+    if (size > 0) {
+        content_ = static_cast<char*>(memory::try_allocate(size));
+        if (!content_) {
+            TVK_LOG(LEVEL_ERR, "CANNOT READ(R) FILE '%0': NO MEMORY FOR %1 BYTES") << path.get_text() << size;
+            file_impl::close(h);
+            return -1;
+        }
+        allocated_ = static_cast<unsigned int>(size);
+    }
+    long r = read_all(h, content_, static_cast<unsigned int>(size));
     file_impl::close(h);
     if (r < 0) {
         TVK_LOG(LEVEL_ERR, "CANNOT READ(R) FILE '%0'  [%1]") << path.get_text() << get_last_system_error_text();
@@ -320,6 +333,10 @@ long read(BlobList& blobs, Path const& path) {
     if (!file_impl::size(h, &remaining)) {
         TVK_LOG(LEVEL_ERR, "LIST BLOB: INVALID SIZE FILE '%0' [%1]") << path.get_text()
                                                                      << get_last_system_error_text();
+        file_impl::close(h);
+        return -1;
+    }
+    if (!within_limit(remaining, "LIST BLOB: FILE '%0' SIZE %1 OVER LIMIT %2", path)) {
         file_impl::close(h);
         return -1;
     }

@@ -211,8 +211,7 @@ void CommBuffer::splice(CommBuffer& other) {
     pages_.append(other.pages_);
     ascii_ = other.ascii_;
     dictionary_ = static_cast<Array<SymbolEntry const*>&&>(other.dictionary_);
-    name_index_ = other.name_index_;
-    other.name_index_ = nullptr;
+    name_index_ = std::move(other.name_index_);
     for (Page* p = pages_.first(); p; p = p->next) p->owner = this;
     other.size_ = 0;
     other.pos_ = Pos();
@@ -722,7 +721,7 @@ void CommBuffer::add_name_(SymbolEntry const* entry) const {
     dictionary_.push_back(entry);
     if (!name_index_ && dictionary_.size() > kScannedNames) {
         // Past a few names a scan per lookup would make a buffer of many names quadratic.
-        name_index_ = new HMap<SymbolEntry const*, unsigned int>(64, 0.75f);
+        name_index_ = memory::make_unique<HMap<SymbolEntry const*, unsigned int>>(64, 0.75f);
         for (unsigned int i = 0; i < dictionary_.size(); ++i) name_index_->insert(dictionary_[i], i + 1);
     } else if (name_index_) {
         name_index_->insert(entry, dictionary_.size());
@@ -731,8 +730,7 @@ void CommBuffer::add_name_(SymbolEntry const* entry) const {
 
 void CommBuffer::drop_names_() {
     dictionary_.clear();
-    delete name_index_;
-    name_index_ = nullptr;
+    name_index_.reset();
 }
 
 long CommBuffer::write(Symbol const& v) {
@@ -840,8 +838,14 @@ long CommBuffer::read(IBStream& in, unsigned int max_size) {
         while (filled < header.length) {
             if (filled == room) {
                 room = header.length - room < room ? header.length : room * 2;
-                page = static_cast<Page*>(std::realloc(page, sizeof(Page) + room));
-                if (!page) std::abort();
+                // A size from input (the length the header announces): its failure fails the read only.
+                void* grown = std::realloc(page, sizeof(Page) + room);
+                if (!grown) {
+                    std::free(page);
+                    TVK_LOG(LEVEL_ERR, "CommBuffer::read: NO MEMORY FOR A PAGE OF %0 BYTES") << header.length;
+                    return -1;
+                }
+                page = static_cast<Page*>(grown);
             }
             int r = in.get(reinterpret_cast<char*>(page->data()) + filled, room - filled);
             if (r <= 0) {

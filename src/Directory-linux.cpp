@@ -19,6 +19,7 @@
 
 #include "Deadline.h"
 #include "LogUnit.h"
+#include "Memory.h"
 
 TARVIK_LOG_UNIT()
 
@@ -174,7 +175,15 @@ struct Watch {
     int wake = -1;
     // The watched directory was removed or moved away: nothing more is reported.
     bool ended = false;
+
+    ~Watch() {
+        if (inotify >= 0) ::close(inotify);
+        if (wake >= 0) ::close(wake);
+    }
 };
+
+// Watch is complete only in this half, so the deleter of its unique_ptr is defined here.
+void CloseWatch::operator()(Watch* watch) const { std::default_delete<Watch>()(watch); }
 
 namespace {
 
@@ -230,7 +239,7 @@ long parse_events(Watch* watch, char const* bytes, std::size_t n, Array<Director
 
 }  // namespace
 
-Watch* open_watch(char const* path) {
+WatchPtr open_watch(char const* path) {
     int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd < 0) return nullptr;
     if (::inotify_add_watch(fd, path, kWatchMask) < 0) {
@@ -242,16 +251,10 @@ Watch* open_watch(char const* path) {
         preserving_errno([fd] { ::close(fd); });
         return nullptr;
     }
-    Watch* watch = new Watch;
+    WatchPtr watch(memory::create<Watch>());
     watch->inotify = fd;
     watch->wake = wake;
     return watch;
-}
-
-void close_watch(Watch* watch) {
-    ::close(watch->inotify);
-    ::close(watch->wake);
-    delete watch;
 }
 
 long wait_changes(Watch* watch, long long timeout_ms, Array<Directory::Change>& out, bool& ended) {

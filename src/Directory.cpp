@@ -5,6 +5,7 @@
 
 #include "DirectoryImpl.h"
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/System.h"
 #include "tarvik/Thread.h"
 
@@ -108,9 +109,7 @@ bool Directory::Watcher::open(Path const& directory) {
 }
 
 void Directory::Watcher::close() {
-    if (!watch_) return;
-    directory_impl::close_watch(watch_);
-    watch_ = nullptr;
+    watch_.reset();
 }
 
 long Directory::Watcher::poll(Array<Change>& changes, TimePeriod const& timeout) {
@@ -124,7 +123,7 @@ long Directory::Watcher::poll(Array<Change>& changes, TimePeriod const& timeout)
     long long ms = us < 0 ? -1 : (us + 999) / 1000;
     unsigned int const first = changes.size();
     bool ended = false;
-    long n = directory_impl::wait_changes(watch_, ms, changes, ended);
+    long n = directory_impl::wait_changes(watch_.get(), ms, changes, ended);
     if (n < 0) {
         log_system_failure("CANNOT READ CHANGES OF %0 [%1]", path_.get_text());
         return -1;
@@ -141,7 +140,7 @@ long Directory::Watcher::poll(Array<Change>& changes, TimePeriod const& timeout)
 }
 
 void Directory::Watcher::wake() {
-    if (watch_) directory_impl::wake(watch_);
+    if (watch_) directory_impl::wake(watch_.get());
 }
 
 // --- Monitor -------------------------------------------------------------------------------------------
@@ -176,20 +175,14 @@ Directory::Monitor::~Monitor() { stop(); }
 
 bool Directory::Monitor::start(Path const& directory, Handler handler) {
     stop();
-    auto* worker = new Worker;
+    std::unique_ptr<Worker> worker = memory::make_unique<Worker>();
     worker->handler = std::move(handler);
-    if (!worker->watcher.open(directory) || !worker->start()) {
-        delete worker;
-        return false;
-    }
-    worker_ = worker;
+    if (!worker->watcher.open(directory) || !worker->start()) return false;
+    worker_ = std::move(worker);
     return true;
 }
 
-void Directory::Monitor::stop() {
-    delete worker_;
-    worker_ = nullptr;
-}
+void Directory::Monitor::stop() { worker_.reset(); }
 
 bool Directory::Monitor::is_running() const { return worker_ && worker_->is_running(); }
 

@@ -4,6 +4,8 @@
 // get_last_system_error_text() find it, for the caller's record; the halves write no records themselves.
 #pragma once
 
+#include <memory>
+
 #include "tarvik/AString.h"
 #include "tarvik/Array.h"
 #include "tarvik/Directory.h"
@@ -23,11 +25,11 @@ bool remove_tree(char const* path, AString& failed);
 // its target; a dangling link is `other`.
 bool read_entries(char const* path, Array<Directory::Entry>& out);
 
-// A watch over the entries of one directory.
-struct Watch;
+// A watch over the entries of one directory. The half defines Watch and CloseWatch (declared in
+// Directory.h), which releases the watch's descriptors and frees it.
+using WatchPtr = std::unique_ptr<Watch, CloseWatch>;
 // Null when the directory cannot be watched.
-Watch* open_watch(char const* path);
-void close_watch(Watch* watch);
+WatchPtr open_watch(char const* path);
 // Waits at most `timeout_ms` (0: only looks, negative: no limit) for changes or a wake, then appends every
 // change that has arrived. `ended` becomes true when the watched directory was removed or moved away (the
 // watch then reports nothing more). Returns the number appended (0 on time-out or wake), or -1.

@@ -34,8 +34,7 @@ void Event::close_() {
             TVK_LOG(LEVEL_LOG, "DELETE EVENT %0") << name_;
         }
     }
-    event_impl::close(handle_);
-    handle_ = nullptr;
+    handle_.reset();
 }
 
 bool Event::create(char const* name) {
@@ -59,13 +58,13 @@ bool Event::create(char const* name) {
 bool Event::signal() {
     if (!handle_) return false;
     if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "SIGNAL EVENT %0") << name_;
-    return event_impl::set(handle_);
+    return event_impl::set(handle_.get());
 }
 
 bool Event::reset() {
     if (!handle_) return false;
     if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "RESET EVENT %0") << name_;
-    return event_impl::reset(handle_);
+    return event_impl::reset(handle_.get());
 }
 
 bool Event::wait(TimePeriod const& timeout) {
@@ -77,7 +76,7 @@ bool Event::wait(TimePeriod const& timeout) {
         if (deadline.expired()) return false;
         int const left = deadline.ms_left();
         unsigned int const slice = left < 0 || left > kSliceMs ? kSliceMs : static_cast<unsigned int>(left);
-        int r = event_impl::wait(handle_, slice);
+        int r = event_impl::wait(handle_.get(), slice);
         if (r > 0) {
             if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "EVENT '%0' SIGNALED") << name_;
             return true;

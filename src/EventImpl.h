@@ -6,13 +6,17 @@
 // get_last_system_error_num().
 #pragma once
 
+#include <memory>
+
+#include "tarvik/Event.h"
+
 namespace tarvik::event_impl {
 
-struct Handle;
+// The half defines Handle and CloseHandle (declared in Event.h), which closes the handle and frees it.
+using HandlePtr = std::unique_ptr<Handle, CloseHandle>;
 
 // Creates an unnamed event, or creates or opens the named one. Not signalled when new.
-Handle* create(char const* name);
-void close(Handle* h);
+HandlePtr create(char const* name);
 bool set(Handle* h);
 bool reset(Handle* h);
 // Waits at most ms milliseconds: 1 when signalled (now cleared), 0 on time-out, -1 on failure.

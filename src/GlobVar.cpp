@@ -4,8 +4,10 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <memory>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/CriticalSection.h"
 #include "tarvik/IOBStream.h"
 #include "tarvik/Log.h"
@@ -23,7 +25,7 @@ struct GlobVarEntry {
     std::atomic<int> value{0};
     GlobVar::Kind kind;
     Symbol name;
-    GlobVarEntry* next = nullptr;
+    std::unique_ptr<GlobVarEntry> next;
     int count = 0;
     GlobVarModule* module;
 };
@@ -31,8 +33,8 @@ struct GlobVarEntry {
 struct GlobVarModule {
     Symbol name;
     std::atomic<int> default_level{0};
-    GlobVarEntry* variables = nullptr;
-    GlobVarModule* next = nullptr;
+    std::unique_ptr<GlobVarEntry> variables;
+    std::unique_ptr<GlobVarModule> next;
 };
 
 namespace {
@@ -41,11 +43,11 @@ namespace {
 // and never destroyed, so variables of any static lifetime can bind and release safely.
 struct Registry {
     CriticalSection lock;
-    GlobVarModule* modules TARVIK_GUARDED_BY(lock) = nullptr;
+    std::unique_ptr<GlobVarModule> modules TARVIK_GUARDED_BY(lock);
     std::atomic<int> default_level{0};
 
     GlobVarModule* find_module(Symbol const& name) const TARVIK_REQUIRES(lock) {
-        for (GlobVarModule* m = modules; m; m = m->next)
+        for (GlobVarModule* m = modules.get(); m; m = m->next.get())
             if (m->name == name) return m;
         return nullptr;
     }
@@ -53,7 +55,7 @@ struct Registry {
     GlobVarEntry* find_entry(Symbol const& module, Symbol const& name, GlobVar::Kind kind) const TARVIK_REQUIRES(lock) {
         GlobVarModule* m = find_module(module);
         if (!m) return nullptr;
-        for (GlobVarEntry* e = m->variables; e; e = e->next)
+        for (GlobVarEntry* e = m->variables.get(); e; e = e->next.get())
             if (e->kind == kind && e->name == name) return e;
         return nullptr;
     }
@@ -61,21 +63,23 @@ struct Registry {
     GlobVarEntry* bind(Symbol const& module, Symbol const& name, GlobVar::Kind kind) TARVIK_REQUIRES(lock) {
         GlobVarModule* m = find_module(module);
         if (!m) {
-            m = new GlobVarModule;
+            std::unique_ptr<GlobVarModule> made = memory::make_unique<GlobVarModule>();
+            m = made.get();
             m->name = module;
-            m->next = modules;
-            modules = m;
+            m->next = std::move(modules);
+            modules = std::move(made);
         }
-        GlobVarEntry* e = m->variables;
-        while (e && !(e->kind == kind && e->name == name)) e = e->next;
+        GlobVarEntry* e = m->variables.get();
+        while (e && !(e->kind == kind && e->name == name)) e = e->next.get();
         if (!e) {
-            e = new GlobVarEntry;
+            std::unique_ptr<GlobVarEntry> made = memory::make_unique<GlobVarEntry>();
+            e = made.get();
             e->module_name = module;
             e->kind = kind;
             e->name = name;
             e->module = m;
-            e->next = m->variables;
-            m->variables = e;
+            e->next = std::move(m->variables);
+            m->variables = std::move(made);
         }
         ++e->count;
         return e;
@@ -84,26 +88,25 @@ struct Registry {
     void release(GlobVarEntry* entry) TARVIK_REQUIRES(lock) {
         GlobVarModule* m = entry->module;
         if (--entry->count > 0) return;
-        for (GlobVarEntry** link = &m->variables; *link; link = &(*link)->next) {
-            if (*link == entry) {
-                *link = entry->next;
+        // Unlinking frees: each link owns the node it points to.
+        for (std::unique_ptr<GlobVarEntry>* link = &m->variables; *link; link = &(*link)->next) {
+            if (link->get() == entry) {
+                *link = std::move(entry->next);
                 break;
             }
         }
-        delete entry;
         if (m->variables) return;
-        for (GlobVarModule** link = &modules; *link; link = &(*link)->next) {
-            if (*link == m) {
-                *link = m->next;
+        for (std::unique_ptr<GlobVarModule>* link = &modules; *link; link = &(*link)->next) {
+            if (link->get() == m) {
+                *link = std::move(m->next);
                 break;
             }
         }
-        delete m;
     }
 };
 
 Registry& registry() {
-    static Registry* const instance = new Registry;
+    static Registry* const instance = memory::create<Registry>();
     return *instance;
 }
 
@@ -142,7 +145,7 @@ void GlobVar::add_(int delta) {
 int GlobVar::get_modules(SymbolList& out) {
     Registry& r = registry();
     CriticalSectionHolder hold(r.lock);
-    for (GlobVarModule* m = r.modules; m; m = m->next) out.push_back(m->name);
+    for (GlobVarModule* m = r.modules.get(); m; m = m->next.get()) out.push_back(m->name);
     return 0;
 }
 
@@ -151,7 +154,7 @@ int GlobVar::get_names_(Symbol const& module, Kind kind, SymbolList& out) {
     CriticalSectionHolder hold(r.lock);
     GlobVarModule* m = r.find_module(module);
     int n = 0;
-    for (GlobVarEntry* e = m ? m->variables : nullptr; e; e = e->next) {
+    for (GlobVarEntry* e = m ? m->variables.get() : nullptr; e; e = e->next.get()) {
         if (e->kind != kind) continue;
         out.push_back(e->name);
         ++n;

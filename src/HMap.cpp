@@ -1,6 +1,9 @@
 #include "tarvik/HMap.h"
 
+#include <cstdlib>
+
 #include "LogUnit.h"
+#include "Memory.h"
 
 TARVIK_LOG_UNIT()
 
@@ -15,5 +18,13 @@ unsigned int hash_bytes(void const* data, std::size_t n) {
     }
     return h;
 }
+
+namespace hmap_memory {
+
+void* allocate(std::size_t bytes) { return memory::allocate(bytes); }
+void* allocate_zeroed(std::size_t bytes) { return memory::allocate_zeroed(bytes); }
+void release(void* block) { std::free(block); }
+
+}  // namespace hmap_memory
 
 }  // namespace tarvik

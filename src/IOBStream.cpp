@@ -9,6 +9,7 @@
 #include "FileImpl.h"
 #include "IOBStreamImpl.h"
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/Blob.h"
 #include "tarvik/CommBuffer.h"
 #include "tarvik/String.h"
@@ -22,7 +23,7 @@ TARVIK_LOG_UNIT()
 namespace tarvik {
 
 CriticalSection& console_lock() {
-    static CriticalSection* const lock = new CriticalSection;
+    static CriticalSection* const lock = memory::create<CriticalSection>();
     return *lock;
 }
 
@@ -297,20 +298,25 @@ IBStream::IBStream(StringBuffer const& buffer) { open(buffer); }
 IBStream::IBStream(CommBuffer const& buffer) { open(buffer); }
 IBStream::~IBStream() { close(); }
 
-bool IBStream::open(IBStreamImpl* impl) {
+bool IBStream::open(std::unique_ptr<IBStreamImpl> impl) {
     close();
-    impl_ = impl;
+    impl_ = std::move(impl);
     open_ = impl_ && impl_->is_open();
     return open_;
 }
-bool IBStream::open(Path const& path, bool text) { return open(new IFBStreamImpl(path, text)); }
-bool IBStream::open(char const* text) { return open(new IStrBStreamImpl(text)); }
-bool IBStream::open(StringBuffer const& buffer) { return open(new IStrBufBStreamImpl(buffer)); }
-bool IBStream::open(CommBuffer const& buffer) { return open(new ICommBufBStreamImpl(buffer)); }
+bool IBStream::open(Path const& path, bool text) {
+    return open(memory::make_unique<IFBStreamImpl>(path, text));
+}
+bool IBStream::open(char const* text) { return open(memory::make_unique<IStrBStreamImpl>(text)); }
+bool IBStream::open(StringBuffer const& buffer) {
+    return open(memory::make_unique<IStrBufBStreamImpl>(buffer));
+}
+bool IBStream::open(CommBuffer const& buffer) {
+    return open(memory::make_unique<ICommBufBStreamImpl>(buffer));
+}
 
 void IBStream::close() {
-    delete impl_;
-    impl_ = nullptr;
+    impl_.reset();
     open_ = false;
 }
 
@@ -341,26 +347,31 @@ OBStream::OBStream(StringBuffer& target, bool text) { open(target, text); }
 OBStream::OBStream(CommBuffer& target, bool text) { open(target, text); }
 OBStream::~OBStream() { close(); }
 
-bool OBStream::open(OBStreamImpl* impl) {
+bool OBStream::open(std::unique_ptr<OBStreamImpl> impl) {
     close();
-    impl_ = impl;
+    impl_ = std::move(impl);
     return is_open();
 }
 bool OBStream::open(Path const& path, bool append, bool text) {
-    return open(new OFBStreamImpl(path, append, text));
+    return open(memory::make_unique<OFBStreamImpl>(path, append, text));
 }
-bool OBStream::open(AString& target, bool text) { return open(new OStrBStreamImpl(target, text)); }
-bool OBStream::open(StringBuffer& target, bool text) { return open(new OStrBufBStreamImpl(target, text)); }
-bool OBStream::open(CommBuffer& target, bool text) { return open(new OCommBufBStreamImpl(target, text)); }
+bool OBStream::open(AString& target, bool text) {
+    return open(memory::make_unique<OStrBStreamImpl>(target, text));
+}
+bool OBStream::open(StringBuffer& target, bool text) {
+    return open(memory::make_unique<OStrBufBStreamImpl>(target, text));
+}
+bool OBStream::open(CommBuffer& target, bool text) {
+    return open(memory::make_unique<OCommBufBStreamImpl>(target, text));
+}
 
 void OBStream::close() {
     if (!impl_) return;
     {
-        SharedGuard guard(impl_);
+        SharedGuard guard(impl_.get());
         impl_->flush();
     }
-    delete impl_;
-    impl_ = nullptr;
+    impl_.reset();
 }
 
 bool OBStream::is_open() const { return impl_ && impl_->is_open(); }
@@ -389,7 +400,7 @@ void OBStream::put_text_char_(char c) {
 
 void OBStream::put(int c) {
     if (!is_open()) return;
-    SharedGuard guard(impl_);
+    SharedGuard guard(impl_.get());
     char ch = static_cast<char>(c);
     if (impl_->text) {
         put_text_char_(ch);
@@ -404,7 +415,7 @@ void OBStream::put(char const* text) {
 
 void OBStream::put(char const* data, unsigned int n) {
     if (!is_open() || !data || n == 0) return;
-    SharedGuard guard(impl_);
+    SharedGuard guard(impl_.get());
     if (!impl_->text) {
         impl_->write(data, n);
         return;
@@ -426,7 +437,7 @@ void OBStream::put(char const* data, unsigned int n) {
 
 void OBStream::flush() {
     if (!is_open()) return;
-    SharedGuard guard(impl_);
+    SharedGuard guard(impl_.get());
     impl_->flush();
 }
 
@@ -454,7 +465,7 @@ OBStream& bcout() {
     // Never destroyed, so that code running during static destruction can still print; what is buffered
     // is written out when the process exits.
     static OBStream* const out = [] {
-        auto* stream = new OBStream(Path(""), false, true);
+        auto* stream = memory::create<OBStream>(Path(""), false, true);
         std::atexit(flush_standard_output_at_exit);
         return stream;
     }();
@@ -462,7 +473,7 @@ OBStream& bcout() {
 }
 
 IBStream& bcin() {
-    static IBStream* const in = new IBStream(Path(""), true);
+    static IBStream* const in = memory::create<IBStream>(Path(""), true);
     return *in;
 }
 

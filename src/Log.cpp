@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/Blob.h"
 #include "tarvik/IOBStream.h"
 #include "tarvik/LogHook.h"
@@ -29,10 +30,19 @@ char const* level_name(int level) {
 Log::Log(char const* key, LOG_LEVEL level, char const* module, char const* unit, int line)
     : level_(level), key_(key), module_(module), unit_(unit), line_(line) {}
 
+namespace {
+
+// The attribute names of a record, made once and never destroyed (records are written during static
+// destruction too).
+struct RecordNames {
+    Symbol names[8] = {Symbol("key"),  Symbol("level"),  Symbol(""),     Symbol("time"),
+                       Symbol("module"), Symbol("unit"), Symbol("line"), Symbol("thread")};
+};
+
+}  // namespace
+
 Log::~Log() {
-    static Symbol const* const names = new Symbol[8]{Symbol("key"),    Symbol("level"), Symbol(""),
-                                                     Symbol("time"),   Symbol("module"), Symbol("unit"),
-                                                     Symbol("line"),   Symbol("thread")};
+    static Symbol const* const names = memory::create<RecordNames>()->names;
     Tuple record;
     record.set_astring(names[0], key_ ? key_ : "");
     record.set_int(names[1], level_);
@@ -42,24 +52,18 @@ Log::~Log() {
     if (unit_) record.set_astring(names[5], unit_);
     if (line_ != 0) record.set_int(names[6], line_);
     record.set_long(names[7], static_cast<std::int64_t>(get_current_thread_id()));
-    for (Arg* a = head_; a;) {
+    for (std::unique_ptr<Arg> a = std::move(head_); a; a = std::move(a->next))
         args.emplace_back().splice(a->text);
-        Arg* next = a->next;
-        delete a;
-        a = next;
-    }
-    head_ = tail_ = nullptr;
+    tail_ = nullptr;
     LogHook::dispatch(record);
 }
 
 Log& Log::push_(AString&& text) {
-    Arg* a = new Arg{static_cast<AString&&>(text), nullptr};
-    if (tail_) {
-        tail_->next = a;
-    } else {
-        head_ = a;
-    }
-    tail_ = a;
+    std::unique_ptr<Arg> a = memory::make_unique<Arg>();
+    a->text = static_cast<AString&&>(text);
+    Arg* added = a.get();
+    (tail_ ? tail_->next : head_) = std::move(a);
+    tail_ = added;
     return *this;
 }
 

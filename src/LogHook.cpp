@@ -5,6 +5,7 @@
 #include "Console.h"
 #include "LogHookImpl.h"
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/CriticalSection.h"
 #include "tarvik/IOBStream.h"
 #include "tarvik/Log.h"
@@ -29,7 +30,7 @@ struct Registry {
 };
 
 Registry& registry() {
-    static Registry* const instance = new Registry;
+    static Registry* const instance = memory::create<Registry>();
     return *instance;
 }
 
@@ -39,7 +40,7 @@ struct RecordNames {
 };
 
 RecordNames const& names() {
-    static RecordNames const* const n = new RecordNames;
+    static RecordNames const* const n = memory::create<RecordNames>();
     return *n;
 }
 
@@ -234,7 +235,7 @@ public:
 
 }  // namespace
 
-ConsoleLogHook::ConsoleLogHook(bool on) : AutoRef<LogHook>(new ConsoleLogHookImpl) {
+ConsoleLogHook::ConsoleLogHook(bool on) : AutoRef<LogHook>(memory::create<ConsoleLogHookImpl>()) {
     if (on) get()->hook();
 }
 
@@ -299,7 +300,7 @@ private:
 
 }  // namespace
 
-FileLogHook::FileLogHook(char const* directory) : AutoRef<LogHook>(new FileLogHookImpl(directory)) {}
+FileLogHook::FileLogHook(char const* directory) : AutoRef<LogHook>(memory::create<FileLogHookImpl>(directory)) {}
 
 bool FileLogHook::activate(bool on) { return on ? get()->hook() : get()->unhook(); }
 
@@ -327,7 +328,7 @@ private:
 
 }  // namespace
 
-CatcherLogHook::CatcherLogHook(bool on) : AutoRef<LogHook>(new CatcherLogHookImpl) {
+CatcherLogHook::CatcherLogHook(bool on) : AutoRef<LogHook>(memory::create<CatcherLogHookImpl>()) {
     if (on) get()->hook();
 }
 
@@ -365,7 +366,7 @@ private:
 
 }  // namespace
 
-SysLogHook::SysLogHook(char const* host, int port, bool on) : AutoRef<LogHook>(new SysLogHookImpl(host, port)) {
+SysLogHook::SysLogHook(char const* host, int port, bool on) : AutoRef<LogHook>(memory::create<SysLogHookImpl>(host, port)) {
     if (on) get()->hook();
 }
 

@@ -13,6 +13,7 @@
 //     if (tvk_log() > 2) TVK_LOG(LEVEL_LOG, "Add submitted action %0") << action;
 #pragma once
 
+#include "Memory.h"
 #include "tarvik/GlobVar.h"
 #include "tarvik/Log.h"
 #include "tarvik/Symbol.h"
@@ -20,7 +21,8 @@
 #define TARVIK_LOG_UNIT()                                                                                     \
     namespace {                                                                                               \
     [[maybe_unused]] ::tarvik::GlobVarLog& tvk_log() {                                                        \
-        static ::tarvik::GlobVarLog* const variable = new ::tarvik::GlobVarLog(::tarvik::Symbol("TVK"), __FILE__); \
+        static ::tarvik::GlobVarLog* const variable =                                                         \
+            ::tarvik::memory::create<::tarvik::GlobVarLog>(::tarvik::Symbol("TVK"), __FILE__);                \
         return *variable;                                                                                     \
     }                                                                                                         \
     [[maybe_unused]] ::tarvik::GlobVarLog& tvk_log_at_load = tvk_log();                                       \

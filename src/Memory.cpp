@@ -10,8 +10,19 @@ TARVIK_LOG_UNIT()
 
 namespace tarvik::memory {
 
-[[noreturn]] static void out_of_memory(std::size_t bytes) {
+namespace {
+
+// Set while out_of_memory() writes its record: an allocation failing inside the record ends at once.
+thread_local bool reporting = false;
+
+}  // namespace
+
+void out_of_memory(std::size_t bytes) {
     std::fprintf(stderr, "tarvik: out of memory allocating %zu bytes\n", bytes);
+    if (!reporting) {
+        reporting = true;
+        TVK_LOG(LEVEL_FATAL, "OUT OF MEMORY %0 BYTES") << static_cast<unsigned long long>(bytes);
+    }
     std::abort();
 }
 
@@ -26,6 +37,8 @@ void* allocate_zeroed(std::size_t bytes) {
     if (!p) out_of_memory(bytes);
     return p;
 }
+
+void* try_allocate(std::size_t bytes) { return std::malloc(bytes ? bytes : 1); }
 
 namespace {
 

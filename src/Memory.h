@@ -1,18 +1,76 @@
-// Memory.h: the raw allocation every block of the library goes through.
+// Memory.h: the raw allocation every block of the library goes through, and the one policy for a failed
+// allocation, which every allocation of the library follows:
 //
-// The library does not recover from an exhausted heap (its callers have nothing to fall back on either):
-// a failed allocation ends the process with a message instead of returning null into code that would
-// then dereference it.
+// 1. A size the library chose itself (a node, a handle, a page of a size it fixed, a string or array grown
+//    by its caller's data already in memory) is not checked: its failure is fatal. It ends the process
+//    through out_of_memory(), which writes the size to stderr and a FATAL record ("OUT OF MEMORY %0
+//    BYTES"), then aborts, rather than returning null into code that would dereference it. The library's
+//    callers have nothing to fall back on either. Such allocations go through allocate() /
+//    allocate_zeroed() / allocate_small() for raw blocks and through create() / make_unique() /
+//    make_array() below for objects: never through a plain `new`, whose std::bad_alloc would cross the
+//    API (no exception does), nor through a malloc whose null is tested (or not) on the spot.
+// 2. A size that comes from input (a length in a page header or a stream, a file size, a count in a
+//    record) is checked against a named limit, documented in the header of the family that reads it,
+//    before anything is allocated. Over the limit, and when the allocation of a size within it fails
+//    (try_allocate() returns null), the operation fails with its failure result and an "ERR" record in
+//    its own unit naming the size; the process goes on.
+//
+// Ownership: an object the library makes is held by std::unique_ptr (AutoRef for counted objects). A naked
+// delete / free is left only where raw storage is owned by design (the counted base, the containers, the
+// page allocators), each with the reason beside it.
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <type_traits>
+#include <utility>
 
 namespace tarvik::memory {
 
-// malloc that never returns null.
+// The end of the process after a failed allocation of `bytes` (rule 1): writes the size to stderr and a
+// FATAL record, then aborts. Safe when the record itself cannot be allocated.
+[[noreturn]] void out_of_memory(std::size_t bytes);
+
+// malloc that never returns null (rule 1); freed with std::free.
 void* allocate(std::size_t bytes);
-// calloc that never returns null.
+// calloc that never returns null (rule 1); freed with std::free.
 void* allocate_zeroed(std::size_t bytes);
+// malloc that returns null on failure, for a size from input already checked against its limit (rule 2);
+// freed with std::free.
+void* try_allocate(std::size_t bytes);
+
+// The deleter of a unique_ptr that holds a block of allocate(), allocate_zeroed() or try_allocate().
+struct Free {
+    void operator()(void* block) const { std::free(block); }
+};
+
+// new T(args...) (new T{args...} for an aggregate) that never returns null (rule 1), for an owner that is
+// not a unique_ptr (AutoRef, a registry never destroyed). Freed with delete, as any new T.
+template <class T, class... Args>
+T* create(Args&&... args) {
+    T* object;
+    if constexpr (std::is_aggregate_v<T>) {
+        object = new (std::nothrow) T{std::forward<Args>(args)...};
+    } else {
+        object = new (std::nothrow) T(std::forward<Args>(args)...);
+    }
+    if (!object) out_of_memory(sizeof(T));
+    return object;
+}
+// std::make_unique<T>(args...) that never fails (rule 1).
+template <class T, class... Args>
+std::unique_ptr<T> make_unique(Args&&... args) {
+    return std::unique_ptr<T>(create<T>(std::forward<Args>(args)...));
+}
+// std::make_unique<T[]>(n) (elements value-initialised) that never fails (rule 1).
+template <class T>
+std::unique_ptr<T[]> make_array(std::size_t n) {
+    T* elements = new (std::nothrow) T[n]();
+    if (!elements) out_of_memory(n * sizeof(T));
+    return std::unique_ptr<T[]>(elements);
+}
 
 // Small blocks recycled per thread. Blocks of up to kSmallBlockLimit bytes come in size classes of 16
 // bytes; each thread keeps up to kSmallBlocksPerClass freed blocks of every class and hands them out again

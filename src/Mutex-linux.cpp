@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "NamedSync-linux.h"
 
 TARVIK_LOG_UNIT()
@@ -12,18 +13,23 @@ TARVIK_LOG_UNIT()
 namespace tarvik::mutex_impl {
 
 struct Handle {
-    named_sync::Object* object;
+    named_sync::ObjectPtr object;
 };
+
+// Handle is complete only in this half, so the deleter of its unique_ptr is defined here.
+void CloseHandle::operator()(Handle* h) const { std::default_delete<Handle>()(h); }
 
 namespace {
 
-Handle* wrap(named_sync::Object* object) { return object ? new Handle{object} : nullptr; }
+HandlePtr wrap(named_sync::ObjectPtr object) {
+    return HandlePtr(object ? memory::create<Handle>(std::move(object)) : nullptr);
+}
 
 }  // namespace
 
-Handle* create(char const* name) { return wrap(named_sync::open(name, named_sync::Kind::kMutex, true)); }
+HandlePtr create(char const* name) { return wrap(named_sync::open(name, named_sync::Kind::kMutex, true)); }
 
-Handle* open(char const* name) {
+HandlePtr open(char const* name) {
     if (!name) {
         errno = EINVAL;
         return nullptr;
@@ -31,22 +37,16 @@ Handle* open(char const* name) {
     return wrap(named_sync::open(name, named_sync::Kind::kMutex, false));
 }
 
-void close(Handle* h) {
-    if (!h) return;
-    named_sync::close(h->object);
-    delete h;
-}
-
 int lock(Handle* h, long ms) {
-    int r = named_sync::lock(h->object, Deadline::in_ms(ms));
+    int r = named_sync::lock(h->object.get(), Deadline::in_ms(ms));
     if (r == 0) return 1;
     if (r == ETIMEDOUT) return 0;
     errno = r;
     return -1;
 }
 
-bool try_lock(Handle* h) { return named_sync::try_lock(h->object) == 0; }
+bool try_lock(Handle* h) { return named_sync::try_lock(h->object.get()) == 0; }
 
-void unlock(Handle* h) { named_sync::unlock(h->object); }
+void unlock(Handle* h) { named_sync::unlock(h->object.get()); }
 
 }  // namespace tarvik::mutex_impl

@@ -16,10 +16,7 @@ Mutex::Mutex(char const* name, bool create_now) {
 
 Mutex::~Mutex() { close_(); }
 
-void Mutex::close_() {
-    mutex_impl::close(handle_);
-    handle_ = nullptr;
-}
+void Mutex::close_() { handle_.reset(); }
 
 bool Mutex::create(char const* name) {
     close_();
@@ -36,18 +33,18 @@ bool Mutex::open(char const* name) {
     return handle_ != nullptr;
 }
 
-bool Mutex::lock() { return handle_ && mutex_impl::lock(handle_, -1) > 0; }
+bool Mutex::lock() { return handle_ && mutex_impl::lock(handle_.get(), -1) > 0; }
 
 bool Mutex::lock(TimePeriod const& timeout) {
     if (!handle_) return false;
     std::int64_t ms = timeout.to_milliseconds();
-    return mutex_impl::lock(handle_, ms < 0 ? 0 : static_cast<long>(ms)) > 0;
+    return mutex_impl::lock(handle_.get(), ms < 0 ? 0 : static_cast<long>(ms)) > 0;
 }
 
-bool Mutex::try_lock() { return handle_ && mutex_impl::try_lock(handle_); }
+bool Mutex::try_lock() { return handle_ && mutex_impl::try_lock(handle_.get()); }
 
 void Mutex::unlock() {
-    if (handle_) mutex_impl::unlock(handle_);
+    if (handle_) mutex_impl::unlock(handle_.get());
 }
 
 }  // namespace tarvik

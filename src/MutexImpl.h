@@ -5,15 +5,19 @@
 // / false / -1 with the system error left for get_last_system_error_num().
 #pragma once
 
+#include <memory>
+
+#include "tarvik/Mutex.h"
+
 namespace tarvik::mutex_impl {
 
-struct Handle;
+// The half defines Handle and CloseHandle (declared in Mutex.h), which closes the handle and frees it.
+using HandlePtr = std::unique_ptr<Handle, CloseHandle>;
 
 // An unnamed mutex, or the named one (created when missing).
-Handle* create(char const* name);
+HandlePtr create(char const* name);
 // The named mutex, only when it exists.
-Handle* open(char const* name);
-void close(Handle* h);
+HandlePtr open(char const* name);
 // ms < 0: no limit. 1 when locked, 0 on time-out, -1 on failure.
 int lock(Handle* h, long ms);
 bool try_lock(Handle* h);

@@ -14,6 +14,7 @@
 #include <new>
 
 #include "LogUnit.h"
+#include "Memory.h"
 
 TARVIK_LOG_UNIT()
 
@@ -57,13 +58,12 @@ bool wait_initialised(int fd) {
     return false;
 }
 
-// Gives up an open: closes fd (when open), removes the name when this open created it, frees the object,
-// and keeps errno as the failure left it.
-Object* fail_open(Object* object, int fd, bool created) {
+// Gives up an open (the caller frees the object, not open yet): closes fd (when open), removes the name
+// when this open created it, and keeps errno as the failure left it.
+ObjectPtr fail_open(Object const* object, int fd, bool created) {
     int e = errno;
     if (fd >= 0) ::close(fd);
     if (created) ::shm_unlink(object->path);
-    delete object;
     errno = e;
     return nullptr;
 }
@@ -83,17 +83,15 @@ bool make_path(char const* kind, char const* name, char (&path)[256]) {
     return true;
 }
 
-Object* open(char const* name, Kind kind, bool create) {
-    auto* object = new Object;
+ObjectPtr open(char const* name, Kind kind, bool create) {
+    ObjectPtr object = memory::make_unique<Object>();
     if (!name) {
-        object->shared = new Shared;
+        object->own_shared = memory::make_unique<Shared>();
+        object->shared = object->own_shared.get();
         init_state(object->shared, kind, false);
         return object;
     }
-    if (!make_path(kind == Kind::kEvent ? "ev" : "mx", name, object->path)) {
-        delete object;
-        return nullptr;
-    }
+    if (!make_path(kind == Kind::kEvent ? "ev" : "mx", name, object->path)) return nullptr;
     // A last holder that is closing removes the name while holding its exclusive lock; one that opened the
     // name just before that gets its shared lock only once the object is unlinked. Such an orphan is left
     // and the name opened (or created) again, so that every holder of a name shares one object.
@@ -103,12 +101,12 @@ Object* open(char const* name, Kind kind, bool create) {
         if (fd >= 0) {
             created = true;
             ::fchmod(fd, 0666);  // any process of the machine may open it, whatever the umask
-            if (::ftruncate(fd, sizeof(Shared)) != 0) return fail_open(object, fd, true);
+            if (::ftruncate(fd, sizeof(Shared)) != 0) return fail_open(object.get(), fd, true);
         } else if (!create || errno == EEXIST) {
             fd = ::shm_open(object->path, O_RDWR | O_CLOEXEC, 0666);
             if (fd < 0 && errno == ENOENT && create && attempt < 100) continue;  // its last holder just went
         }
-        if (fd < 0 || (!created && !wait_initialised(fd))) return fail_open(object, fd, false);
+        if (fd < 0 || (!created && !wait_initialised(fd))) return fail_open(object.get(), fd, false);
         ::flock(fd, LOCK_SH);  // one more holder
         struct stat st;
         if (::fstat(fd, &st) == 0 && st.st_nlink == 0 && attempt < 100) {
@@ -116,7 +114,7 @@ Object* open(char const* name, Kind kind, bool create) {
             continue;
         }
         void* view = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (view == MAP_FAILED) return fail_open(object, fd, created);
+        if (view == MAP_FAILED) return fail_open(object.get(), fd, created);
         object->fd = fd;
         object->shared = static_cast<Shared*>(view);
         if (created) {
@@ -129,19 +127,17 @@ Object* open(char const* name, Kind kind, bool create) {
     }
 }
 
-void close(Object* object) {
-    if (!object) return;
-    if (object->fd < 0) {
-        pthread_cond_destroy(&object->shared->cond);
-        pthread_mutex_destroy(&object->shared->mutex);
-        delete object->shared;
+Object::~Object() {
+    if (!shared) return;  // an open that failed: it cleaned up after itself
+    if (fd < 0) {
+        pthread_cond_destroy(&shared->cond);
+        pthread_mutex_destroy(&shared->mutex);
     } else {
-        ::munmap(object->shared, sizeof(Shared));
+        ::munmap(shared, sizeof(Shared));
         // The last holder can take the lock exclusively: it removes the name.
-        if (::flock(object->fd, LOCK_EX | LOCK_NB) == 0) ::shm_unlink(object->path);
-        ::close(object->fd);
+        if (::flock(fd, LOCK_EX | LOCK_NB) == 0) ::shm_unlink(path);
+        ::close(fd);
     }
-    delete object;
 }
 
 int lock(Object* object, Deadline const& deadline) {

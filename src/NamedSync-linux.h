@@ -10,6 +10,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <memory>
 
 #include "Deadline.h"
 
@@ -24,11 +25,19 @@ struct Shared {
 
 enum class Kind { kEvent, kMutex };
 
+// An open object: closing it (its destructor) unmaps it, and the last holder of a name removes the name.
 struct Object {
-    Shared* shared = nullptr;
+    Object() = default;
+    ~Object();
+    Object(Object const&) = delete;
+    Object& operator=(Object const&) = delete;
+
+    Shared* shared = nullptr;  // null until open; own_shared or the mapping
+    std::unique_ptr<Shared> own_shared;  // the state of an unnamed object
     int fd = -1;        // -1 for an unnamed object
     char path[256] = {};
 };
+using ObjectPtr = std::unique_ptr<Object>;
 
 // The shared-memory object name "/tvk.<kind>.<name>" for `name`, each '/' in it turned to '_'. False with
 // errno ENAMETOOLONG when it does not fit.
@@ -36,8 +45,7 @@ bool make_path(char const* kind, char const* name, char (&path)[256]);
 
 // Creates the object (unnamed when name is null); a named one is opened when it exists, or only opened
 // when `create` is false. Null on failure, with errno set.
-Object* open(char const* name, Kind kind, bool create);
-void close(Object* object);
+ObjectPtr open(char const* name, Kind kind, bool create);
 // Locks the object's mutex, waiting at most until the deadline; a lock abandoned by a dead owner is taken
 // over. 0 when locked, else the error number (ETIMEDOUT on time-out).
 int lock(Object* object, Deadline const& deadline);

@@ -2,6 +2,7 @@
 
 #include "Deadline.h"
 #include "LogUnit.h"
+#include "Memory.h"
 #include "ThreadImpl.h"
 #include "tarvik/CriticalSection.h"
 #include "tarvik/Event.h"
@@ -36,7 +37,7 @@ Action::Action() = default;
 Action::~Action() = default;
 
 CriticalSection& Action::counter_lock_() {
-    static CriticalSection* const section = new CriticalSection;
+    static CriticalSection* const section = memory::create<CriticalSection>();
     return *section;
 }
 
@@ -251,7 +252,7 @@ void ProcessorImpl::add_thread_if_short_() {
     if (nb_submitted_action_.load() <= nb_free_threads_) return;
     int const count = static_cast<int>(threads_.size());
     if (max_threads_ != 0 && count >= max_threads_) return;
-    auto* worker = new Worker(this);
+    auto* worker = memory::create<Worker>(this);
     threads_.push_back(worker);
     ++nb_free_threads_;  // a new worker is idle until it takes an action
     if (tvk_log() > 0)
@@ -462,19 +463,20 @@ void ProcessorImpl::terminate() {
         nb_free_threads_ = 0;
         ended.splice(gone_);
     }
+    // A worker belongs to threads_, then gone_ (lists of plain pointers: a List copies its elements).
     for (Worker* w : ended) delete w;
     if (tvk_log() > 0) TVK_LOG(LEVEL_LOG, "Processor %0 terminated") << self;
 }
 
 // --- Processor ------------------------------------------------------------------------------------------
 
-Processor::Processor(int max_threads) : impl_(new ProcessorImpl(this, max_threads)) {}
+Processor::Processor(int max_threads) : impl_(memory::make_unique<ProcessorImpl>(this, max_threads)) {}
 
 Processor::~Processor() {
     terminate();
     // A worker still running an action that outlived terminate() keeps using the processor's state: it is
     // left to that worker rather than freed under it.
-    if (impl_->thread_count() == 0) delete impl_;
+    if (impl_->thread_count() != 0) static_cast<void>(impl_.release());
 }
 
 void Processor::submit(AutoRef<Action> const& action) { impl_->submit(action); }

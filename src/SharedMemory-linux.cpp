@@ -17,6 +17,7 @@
 
 #include "Deadline.h"
 #include "LogUnit.h"
+#include "Memory.h"
 #include "NamedSync-linux.h"
 
 TARVIK_LOG_UNIT()
@@ -24,9 +25,17 @@ TARVIK_LOG_UNIT()
 namespace tarvik::shared_memory_impl {
 
 struct Handle {
-    int fd;
+    int fd = -1;
     char path[256];
 };
+
+void CloseHandle::operator()(Handle* h) const {
+    // Only the last holder gets the exclusive lock. A refused conversion drops the shared lock it had, so of
+    // two holders closing together the later one succeeds, and the name never outlives all its holders.
+    if (::flock(h->fd, LOCK_EX | LOCK_NB) == 0) ::shm_unlink(h->path);
+    ::close(h->fd);
+    std::default_delete<Handle>()(h);  // Handle is complete only in this half
+}
 
 namespace {
 
@@ -56,12 +65,12 @@ constexpr int kSizeWaitMs = 1000;
 
 }  // namespace
 
-Handle* open(char const* name, unsigned int size, bool* created) {
+HandlePtr open(char const* name, unsigned int size, bool* created) {
     *created = false;
-    auto* h = new Handle;
+    // A failed open only frees the handle; its descriptor is closed by hand (the name must not go with it).
+    std::unique_ptr<Handle> h = memory::make_unique<Handle>();
     if (!name || !*name || !named_sync::make_path("shm", name, h->path)) {
         if (name && !*name) errno = EINVAL;
-        delete h;
         return nullptr;
     }
     for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
@@ -79,7 +88,6 @@ Handle* open(char const* name, unsigned int size, bool* created) {
                 int e = errno;
                 ::close(h->fd);
                 ::shm_unlink(h->path);
-                delete h;
                 errno = e;
                 return nullptr;
             }
@@ -87,7 +95,7 @@ Handle* open(char const* name, unsigned int size, bool* created) {
         if (lock_shared(h->fd) != 0) break;
         if (names(h->path, h->fd)) {
             *created = made;
-            return h;
+            return HandlePtr(h.release());
         }
         ::close(h->fd);  // removed by a closing holder before this one took its lock: start over
         h->fd = -1;
@@ -95,7 +103,6 @@ Handle* open(char const* name, unsigned int size, bool* created) {
     }
     int e = errno;
     if (h->fd >= 0) ::close(h->fd);
-    delete h;
     errno = e;
     return nullptr;
 }
@@ -120,14 +127,5 @@ void* map(Handle* h, unsigned int size) {
 }
 
 bool unmap(void* view, unsigned int size) { return ::munmap(view, size ? size : 1) == 0; }
-
-void close(Handle* h) {
-    if (!h) return;
-    // Only the last holder gets the exclusive lock. A refused conversion drops the shared lock it had, so of
-    // two holders closing together the later one succeeds, and the name never outlives all its holders.
-    if (::flock(h->fd, LOCK_EX | LOCK_NB) == 0) ::shm_unlink(h->path);
-    ::close(h->fd);
-    delete h;
-}
 
 }  // namespace tarvik::shared_memory_impl

@@ -1,6 +1,7 @@
 #include "tarvik/SharedMemory.h"
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "SharedMemoryImpl.h"
 #include "tarvik/System.h"
 
@@ -10,11 +11,13 @@ namespace tarvik {
 
 struct SharedMemoryRecord {
     AString name;
-    shared_memory_impl::Handle* mapping = nullptr;
+    shared_memory_impl::HandlePtr mapping;
     void* view = nullptr;
     unsigned int size = 0;
     bool created = false;
 };
+
+SharedMemory::SharedMemory() = default;
 
 SharedMemory::SharedMemory(char const* name, unsigned int size) { set_map(name, size); }
 
@@ -22,8 +25,8 @@ SharedMemory::~SharedMemory() { close(); }
 
 void* SharedMemory::set_map(char const* name, unsigned int size) {
     close();
-    auto* r = new SharedMemoryRecord;
-    record_ = r;
+    record_ = memory::make_unique<SharedMemoryRecord>();
+    SharedMemoryRecord* r = record_.get();
     r->name = name;
     r->size = size;
     r->mapping = shared_memory_impl::open(r->name.c_str(), size, &r->created);
@@ -32,11 +35,10 @@ void* SharedMemory::set_map(char const* name, unsigned int size) {
         TVK_LOG(LEVEL_ERR, "CANNOT CREATE SHARE MEMORY %0 [%1]") << r->name << get_last_system_error_num();
         return get_map();
     }
-    r->view = shared_memory_impl::map(r->mapping, size);
+    r->view = shared_memory_impl::map(r->mapping.get(), size);
     if (!r->view) {
         TVK_LOG(LEVEL_ERR, "CANNOT MAP SHARED MEMORY %0 [%1]") << r->name << get_last_system_error_num();
-        shared_memory_impl::close(r->mapping);
-        r->mapping = nullptr;
+        r->mapping.reset();
     } else if (tvk_log() > 0) {
         TVK_LOG(LEVEL_LOG, "SHARED MEMORY %0 MAPPED ON %1 SIZE:%2") << r->name << r->view << size;
     }
@@ -51,14 +53,13 @@ bool SharedMemory::created() const { return record_ && record_->created; }
 
 bool SharedMemory::close() {
     if (!record_) return false;
-    SharedMemoryRecord* r = record_;
+    SharedMemoryRecord* r = record_.get();
     if (tvk_log() > 0) TVK_LOG(LEVEL_LOG, "CLOSE SHM %0") << r->name;
     bool unmapped = false;
     if (r->view) unmapped = shared_memory_impl::unmap(r->view, r->size);
-    if (r->mapping) shared_memory_impl::close(r->mapping);
+    r->mapping.reset();
     if (tvk_log() > 0) TVK_LOG(LEVEL_LOG, "CLOSE SHM %0 OK") << r->name;
-    delete r;
-    record_ = nullptr;
+    record_.reset();
     return unmapped;
 }
 

@@ -70,7 +70,7 @@ void StringAllocator::assign(RawString*& dest, RawString const* src) {
 }
 
 String::Allocator* String::default_allocator() {
-    static StringAllocator* const instance = new StringAllocator;
+    static StringAllocator* const instance = memory::create<StringAllocator>();
     return instance;
 }
 

@@ -1,10 +1,11 @@
 #include "tarvik/StringBuffer.h"
 
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
-#include <new>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/AString.h"
 #include "tarvik/CommBuffer.h"
 #include "tarvik/IOBStream.h"
@@ -18,8 +19,7 @@ namespace tarvik {
 
 StringBuffer::Page* StringBuffer::add_page_() {
     // Zero-filled with two spare bytes, so the payload is always NUL-terminated.
-    char* block = new char[sizeof(Page) + page_size_ + 2]();
-    auto* page = reinterpret_cast<Page*>(block);
+    auto* page = static_cast<Page*>(memory::allocate_zeroed(sizeof(Page) + page_size_ + 2));
     page->owner = this;
     page->used = 0;
     pages_.push_back(page);
@@ -27,7 +27,7 @@ StringBuffer::Page* StringBuffer::add_page_() {
 }
 
 void StringBuffer::free_pages_() {
-    pages_.release_all([](Page* p) { delete[] reinterpret_cast<char*>(p); });
+    pages_.release_all([](Page* p) { std::free(p); });  // the buffer owns its pages as raw blocks by design
     size_ = 0;
 }
 

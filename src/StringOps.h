@@ -10,6 +10,7 @@
 #include <cstring>
 #include <cwctype>
 
+#include "Memory.h"
 #include "tarvik/Types.h"
 
 namespace tarvik::string_ops {
@@ -189,8 +190,7 @@ public:
 private:
     // A private copy of characters that lie inside the block being edited.
     struct Copy {
-        Copy(C const* text, unsigned int n) : data(static_cast<C*>(std::malloc(n * sizeof(C) + 1))) {
-            if (!data) std::abort();
+        Copy(C const* text, unsigned int n) : data(static_cast<C*>(memory::allocate(n * sizeof(C) + 1))) {
             std::memcpy(data, text, n * sizeof(C));
         }
         ~Copy() { std::free(data); }

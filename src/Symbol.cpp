@@ -2,9 +2,11 @@
 
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/CriticalSection.h"
 #include "tarvik/HMap.h"
 #include "tarvik/IOBStream.h"
@@ -31,7 +33,7 @@ struct Directory {
     std::atomic<Page*> pages[1];  // `size` slots
 
     static Directory* make(unsigned int size, Directory* retired) {
-        void* storage = ::operator new(sizeof(Directory) + (size - 1) * sizeof(std::atomic<Page*>));
+        void* storage = memory::allocate(sizeof(Directory) + (size - 1) * sizeof(std::atomic<Page*>));
         auto* d = static_cast<Directory*>(storage);
         d->size = size;
         d->retired = retired;
@@ -59,11 +61,10 @@ thread_local __attribute__((tls_model("initial-exec"))) SymbolEntry const** cach
 thread_local __attribute__((tls_model("initial-exec"))) bool cache_gone = false;
 
 struct ThreadCacheOwner {
-    SymbolEntry const** slots = nullptr;
+    std::unique_ptr<SymbolEntry const*[]> slots;
     ~ThreadCacheOwner() {
         cache_of_thread = nullptr;
         cache_gone = true;
-        delete[] slots;
     }
 };
 
@@ -71,8 +72,8 @@ struct ThreadCacheOwner {
 SymbolEntry const** new_thread_cache() {
     if (cache_gone) return nullptr;
     thread_local ThreadCacheOwner owner;
-    owner.slots = new SymbolEntry const* [kCacheSlots] {};
-    return cache_of_thread = owner.slots;
+    owner.slots = memory::make_array<SymbolEntry const*>(kCacheSlots);
+    return cache_of_thread = owner.slots.get();
 }
 
 class SymbolRegistry {
@@ -117,14 +118,14 @@ private:
         }
         if (!create) return nullptr;
         if (!by_name_) {
-            by_name_ = new HMap<TextKey, SymbolEntry*>(203, 0.75f);
+            by_name_ = memory::make_unique<HMap<TextKey, SymbolEntry*>>(203, 0.75f);
             directory_.store(Directory::make(kDirectoryStep, nullptr), std::memory_order_release);
             SymbolEntry const* empty = intern_locked_("", 0, true);  // "" is number 0; the section is recursive
             if (len == 0) return empty;
         }
         unsigned int num = next_num_;
         Page* page = place_(num);
-        auto* entry = new SymbolEntry{AString(text, len), num};
+        auto* entry = memory::create<SymbolEntry>(AString(text, len), num);  // never freed: see above
         by_name_->insert(TextKey{entry->name.c_str(), entry->name.length()}, entry);
         page->slots[num % kPageSlots].store(entry, std::memory_order_release);
         ++next_num_;
@@ -146,7 +147,7 @@ private:
         }
         Page* page = d->pages[index].load(std::memory_order_relaxed);
         if (!page) {
-            page = new Page();
+            page = memory::create<Page>();
             for (auto& slot : page->slots) slot.store(nullptr, std::memory_order_relaxed);
             d->pages[index].store(page, std::memory_order_release);
         }
@@ -155,14 +156,14 @@ private:
 
     CriticalSection lock_;
     // Keyed by a view of each entry's own name: entries never move or die, so the view stays valid.
-    HMap<TextKey, SymbolEntry*>* by_name_ TARVIK_GUARDED_BY(lock_) = nullptr;
+    std::unique_ptr<HMap<TextKey, SymbolEntry*>> by_name_ TARVIK_GUARDED_BY(lock_);
     // Grown and filled under the lock, read without it (see above).
     std::atomic<Directory*> directory_{nullptr};
     unsigned int next_num_ TARVIK_GUARDED_BY(lock_) = 0;
 };
 
 SymbolRegistry& registry() {
-    static SymbolRegistry* const instance = new SymbolRegistry;
+    static SymbolRegistry* const instance = memory::create<SymbolRegistry>();
     return *instance;
 }
 
@@ -187,7 +188,7 @@ Symbol::Symbol(char const* text, unsigned int length) : entry_(registry().intern
 Symbol::Symbol(unsigned int num) : entry_(registry().lookup(num)) {}
 
 AString const& Symbol::empty_name_() {
-    static AString const* const empty = new AString;
+    static AString const* const empty = memory::create<AString>();
     return *empty;
 }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "SystemImpl.h"
 #include "tarvik/CriticalSection.h"
 #include "tarvik/Path.h"
@@ -24,7 +25,7 @@ struct Caches {
 };
 
 Caches& caches() {
-    static Caches* const instance = new Caches;
+    static Caches* const instance = memory::create<Caches>();
     return *instance;
 }
 

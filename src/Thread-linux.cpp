@@ -9,10 +9,12 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 
 #include "Deadline.h"
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/ThreadSafety.h"
 
 TARVIK_LOG_UNIT()
@@ -62,6 +64,7 @@ struct Handle {
 namespace {
 
 void drop(Handle* h) {
+    // The handle is counted (creator and thread); the last reference frees it.
     if (h->refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete h;
 }
 
@@ -87,16 +90,15 @@ void* trampoline(void* p) {
 }  // namespace
 
 Handle* create_suspended(void (*body)(void*), void* arg) {
-    auto* h = new Handle;
+    std::unique_ptr<Handle> h = memory::make_unique<Handle>();
     h->body = body;
     h->arg = arg;
-    int r = pthread_create(&h->thread, nullptr, trampoline, h);
+    int r = pthread_create(&h->thread, nullptr, trampoline, h.get());
     if (r != 0) {
-        delete h;
         errno = r;
         return nullptr;
     }
-    return h;
+    return h.release();  // counted from here on: the creator's reference and the thread's (see drop)
 }
 
 bool resume(Handle* h) {

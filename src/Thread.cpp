@@ -2,6 +2,7 @@
 
 #include "Deadline.h"
 #include "LogUnit.h"
+#include "Memory.h"
 #include "ThreadImpl.h"
 #include "tarvik/CriticalSection.h"
 #include "tarvik/Event.h"
@@ -15,7 +16,7 @@ namespace {
 
 // Creates and deletes every thread record.
 CriticalSection& thread_lock() {
-    static CriticalSection* const lock = new CriticalSection;
+    static CriticalSection* const lock = memory::create<CriticalSection>();
     return *lock;
 }
 
@@ -74,7 +75,7 @@ void finish(ThreadRecord* r) TARVIK_REQUIRES(thread_lock()) {
         r->abandoned = true;
         return;
     }
-    delete r;
+    delete r;  // counted by hand under the thread lock (owner, users, running body): this was the last
 }
 
 }  // namespace
@@ -88,7 +89,7 @@ void Thread::body_(void* record) {
     r->owner->run();
     CriticalSectionHolder hold(thread_lock());
     r->body_pending = false;
-    if (r->abandoned) delete r;
+    if (r->abandoned) delete r;  // the record was left to its running body (see finish)
 }
 
 bool Thread::start() {
@@ -98,7 +99,7 @@ bool Thread::start() {
         ThreadRecord* r = record_.load();
         bool fresh = !r;
         if (fresh) {
-            r = new ThreadRecord;
+            r = memory::create<ThreadRecord>();
             r->owner = this;
             r->handle = thread_impl::create_suspended(&Thread::body_, r);
             if (!r->handle) TVK_LOG(LEVEL_ERR, "CANNOT CREATE THREAD err=%0") << get_last_system_error_num();

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "TupleText.h"
 #include "TupleXml.h"
 #include "tarvik/Blob.h"
@@ -61,7 +62,7 @@ public:
     }
     void destroy(void* where) const override { static_cast<T*>(where)->~T(); }
     void const* get_empty() const override {
-        static T const* const empty = new T();  // never destroyed: valid during static destruction too
+        static T const* const empty = memory::create<T>();  // never destroyed: valid during static destruction too
         return empty;
     }
     int compare(void const* a, void const* b) const override {
@@ -139,7 +140,7 @@ public:
 private:
     template <class T>
     void add(Types type, char const* code, bool plain, bool collection, bool record) {
-        auto* manager = new KindManager<T>(type, code, plain, collection, record);
+        auto* manager = memory::create<KindManager<T>>(type, code, plain, collection, record);  // never freed
         by_number[type] = manager;
         by_code[TypeManager::code_bucket(code)].push_back(manager);
         in_order[count++] = manager;
@@ -147,7 +148,7 @@ private:
 };
 
 Registry& registry() {
-    static Registry* const instance = new Registry;
+    static Registry* const instance = memory::create<Registry>();
     return *instance;
 }
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <string>
@@ -209,4 +211,25 @@ TEST(BlobList, TenThousandByteFileReadsAsPiecesOfFourKiB) {
     }
     EXPECT_EQ(sizes, (std::vector<unsigned>{4096, 4096, 1808}));
     EXPECT_EQ(joined, bytes);
+}
+
+// A file over the limit is refused before anything is allocated (a sparse file: it takes no disk).
+TEST(BlobFile, FileOverTheSizeLimitFailsWithItsRecordAndReadsNothing) {
+    TempDir dir;
+    std::string path = dir.file("huge.bin");
+    ASSERT_TRUE(write_file(path, ""));
+    ASSERT_EQ(::truncate(path.c_str(), Blob::kMaxFileSize + 1LL), 0);
+    Blob b = blob_of("abc");
+    BlobList list;
+    list.push_back(blob_of("ab"));
+    StdoutCapture capture;
+    EXPECT_EQ(b.read(Path(path.c_str())), -1);
+    EXPECT_EQ(tarvik::read(list, Path(path.c_str())), -1);
+    EXPECT_EQ(b.get_size(), 0u);
+    EXPECT_EQ(b.get_content(), nullptr);
+    EXPECT_EQ(list.size(), 0u);
+    std::string const sizes = "SIZE 1073741825 OVER LIMIT 1073741824";
+    EXPECT_EQ(capture.records_with("\tERR|TVK|BLOB|"), 2) << capture.text();
+    EXPECT_EQ(capture.records_with("||CANNOT READ(R) FILE '" + path + "': " + sizes), 1) << capture.text();
+    EXPECT_EQ(capture.records_with("||LIST BLOB: FILE '" + path + "' " + sizes), 1) << capture.text();
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <random>
 #include <set>
 #include <sstream>
@@ -117,7 +118,7 @@ class ChunkedInput final : public IBStreamImpl {
 
 long receive(std::string const& bytes, CommBuffer& into, unsigned int chunk = 0) {
     IBStream in;
-    in.open(new ChunkedInput(bytes, chunk));
+    in.open(std::make_unique<ChunkedInput>(bytes, chunk));
     return into.read(in);
 }
 
@@ -582,7 +583,7 @@ TEST(CommBuffer, StreamCarriesBuffersBackToBack) {
     first.write(AString("first buffer"));
     second.write(7);
     IBStream in;
-    in.open(new ChunkedInput(wire(first) + wire(second), 0));
+    in.open(std::make_unique<ChunkedInput>(wire(first) + wire(second), 0));
     EXPECT_EQ(got.read(in), static_cast<long>(first.size()));
     EXPECT_TRUE(got == first);
     EXPECT_EQ(got.read(in), 23);
@@ -610,9 +611,10 @@ TEST(CommBuffer, ByteStreamsWriteAndReadValueBytes) {
 TEST(CommBuffer, HugeAnnouncedPageCostsOnlyTheBytesThatArrive) {
     for (std::size_t body : {std::size_t{19}, std::size_t{1} << 20}) {
         CommBuffer b;
-        auto* input = new ChunkedInput("TVK01/xxxx1/fffffff0/" + std::string(body, 'z'), 0);
+        auto owned = std::make_unique<ChunkedInput>("TVK01/xxxx1/fffffff0/" + std::string(body, 'z'), 0);
+        ChunkedInput* input = owned.get();
         IBStream in;
-        in.open(input);
+        in.open(std::move(owned));
         EXPECT_EQ(b.read(in), -1);
         EXPECT_LE(input->largest_request, std::max<std::size_t>(2 * body, 64 * 1024));
         EXPECT_EQ(b.size(), 0u);
@@ -637,7 +639,7 @@ TEST(CommBuffer, StreamBeyondTheMaximumSizeIsRefusedAtThePageThatCrossesIt) {
     for (unsigned int max : {whole, whole - 1, 64u, 20u}) {
         CommBuffer got;
         IBStream in;
-        in.open(new ChunkedInput(bytes, 0));
+        in.open(std::make_unique<ChunkedInput>(bytes, 0));
         StdoutCapture out;
         long const r = got.read(in, max);
         if (max == whole) {

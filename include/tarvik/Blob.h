@@ -30,6 +30,10 @@
 // file cannot be opened or read ("CANNOT OPEN(R) FILE '%0' [%1]", "CANNOT READ(R) FILE '%0'  [%1]").
 // A list of blobs (BlobList) is written as the contents one after another, and read back split into
 // blobs of at most 4096 bytes.
+// Limit: a file is read only up to kMaxFileSize bytes (1 GiB), into a blob or a list alike. A larger file,
+// or one whose bytes cannot be allocated, gives -1 and "CANNOT READ(R) FILE '%0': SIZE %1 OVER LIMIT %2",
+// "CANNOT READ(R) FILE '%0': NO MEMORY FOR %1 BYTES", or for a list "LIST BLOB: FILE '%0' SIZE %1 OVER
+// LIMIT %2" at ERR, with nothing read.
 //
 // Thread safety: a blob is used by one thread at a time.
 #pragma once
@@ -44,6 +48,8 @@ class TARVIK_EXPORT Blob {
 public:
     // The capacity marker of a borrowing blob.
     static constexpr unsigned int kBorrowed = 0xFFFFFFFFu;
+    // The largest file read() takes (see the header comment).
+    static constexpr unsigned int kMaxFileSize = 1u << 30;
 
     Blob() = default;
     // An owning blob of `size` bytes (not initialised) and a capacity of at least `allocated`.

@@ -45,13 +45,17 @@
 // -1. A page's storage grows as its bytes arrive, so a header that announces 4 GiB costs only what
 // actually comes; the pages together may hold at most `max_size` bytes (headers included, at most
 // kMaxStreamSize, the most a buffer's 32-bit size can count): a stream that would carry more logs
-// "CommBuffer::read: stream larger than %0 bytes" and ends the read with -1 before that page is kept. Transports fill pages in place with allocate()/add_size() or allocate_in_new_page().
+// "CommBuffer::read: stream larger than %0 bytes" and ends the read with -1 before that page is kept. When
+// a page cannot grow to its announced length, the read ends with -1 and "CommBuffer::read: NO MEMORY FOR
+// A PAGE OF %0 BYTES" (the announced length) at ERR. Transports fill pages in place with
+// allocate()/add_size() or allocate_in_new_page().
 //
 // Thread safety: none. One thread uses a buffer at a time; the read position changes in const reads, so
 // a const buffer is not shareable between reading threads either.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <type_traits>
 
 #include "tarvik/AString.h"
@@ -299,7 +303,7 @@ private:
     // The names written to or read from this buffer: position p (from 1) is element p - 1. Past
     // kScannedNames names, a hash index finds a name's position.
     mutable Array<SymbolEntry const*> dictionary_;
-    mutable HMap<SymbolEntry const*, unsigned int>* name_index_ = nullptr;
+    mutable std::unique_ptr<HMap<SymbolEntry const*, unsigned int>> name_index_;
     unsigned int page_size_;
     unsigned int size_ = 0;
     detail::PageChain<Page> pages_;

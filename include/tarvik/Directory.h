@@ -48,6 +48,7 @@
 #pragma once
 
 #include <functional>
+#include <memory>
 
 #include "tarvik/AString.h"
 #include "tarvik/Array.h"
@@ -59,7 +60,11 @@ namespace tarvik {
 
 namespace directory_impl {
 struct Watch;
-}
+// Releases a watch's descriptors and frees it; defined by the platform half, where Watch is complete.
+struct CloseWatch {
+    void operator()(Watch* watch) const;
+};
+}  // namespace directory_impl
 
 class TARVIK_EXPORT Directory {
 public:
@@ -125,7 +130,7 @@ public:
     void wake();
 
 private:
-    directory_impl::Watch* watch_ = nullptr;
+    std::unique_ptr<directory_impl::Watch, directory_impl::CloseWatch> watch_;
     Path path_;
     bool gone_ = false;
 };
@@ -151,7 +156,7 @@ public:
 
 private:
     struct Worker;
-    Worker* worker_ = nullptr;
+    std::unique_ptr<Worker> worker_;
 };
 
 }  // namespace tarvik

@@ -13,6 +13,8 @@
 // with other operations on the same object.
 #pragma once
 
+#include <memory>
+
 #include "tarvik/AString.h"
 #include "tarvik/Time.h"
 #include "tarvik/Types.h"
@@ -21,7 +23,11 @@ namespace tarvik {
 
 namespace event_impl {
 struct Handle;
-}
+// Closes a handle and frees it; defined by the platform half, where Handle is complete.
+struct CloseHandle {
+    void operator()(Handle* h) const;
+};
+}  // namespace event_impl
 
 class TARVIK_EXPORT Event {
 public:
@@ -48,7 +54,7 @@ public:
 
 private:
     void close_();
-    event_impl::Handle* handle_ = nullptr;
+    std::unique_ptr<event_impl::Handle, event_impl::CloseHandle> handle_;
     AString name_;
 };
 

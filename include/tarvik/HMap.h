@@ -10,11 +10,15 @@
 // compare with a key (an AString-keyed map can be searched with a `char const*` without building a
 // string).
 //
+// Memory: nodes and bucket arrays are raw blocks of the library's allocator, whose failure ends the
+// process (no std::bad_alloc leaves a map).
+//
 // Thread safety: a map is used by one thread at a time (callers that share one add their own lock).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <new>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -26,6 +30,13 @@ namespace tarvik {
 
 // 32-bit FNV-1a over bytes: the hash of every text key.
 TARVIK_EXPORT unsigned int hash_bytes(void const* data, std::size_t n);
+
+// The blocks of every map: malloc blocks that are never null (a failure ends the process).
+namespace hmap_memory {
+TARVIK_EXPORT void* allocate(std::size_t bytes);
+TARVIK_EXPORT void* allocate_zeroed(std::size_t bytes);
+TARVIK_EXPORT void release(void* block);
+}  // namespace hmap_memory
 
 template <class K>
 struct HMapTraits {
@@ -87,6 +98,7 @@ private:
         unsigned int hash;
         Entry entry;
     };
+    static_assert(alignof(Node) <= alignof(std::max_align_t), "a node lives in a malloc block");
 
 public:
     template <bool Const>
@@ -128,7 +140,7 @@ public:
     explicit HMap(unsigned int initial_buckets = 203, float max_load_factor = 0.75f)
         : bucket_count_(initial_buckets ? initial_buckets : 1),
           max_load_(max_load_factor > 0.0f ? max_load_factor : 0.75f) {
-        buckets_ = new Node*[bucket_count_]();
+        buckets_ = new_buckets_(bucket_count_);
     }
     HMap(HMap const& other) : HMap(other.bucket_count_, other.max_load_) {
         for (Entry const& e : other) insert(e.key, e.value);
@@ -142,7 +154,7 @@ public:
     }
     ~HMap() {
         clear();
-        delete[] buckets_;
+        hmap_memory::release(buckets_);
     }
 
     unsigned int size() const { return size_; }
@@ -167,7 +179,8 @@ public:
         if (V* existing = find(key)) return {existing, false};
         unsigned int h = Traits::hash(key);
         if (static_cast<float>(size_ + 1) > max_load_ * static_cast<float>(bucket_count_)) rehash_(bucket_count_ * 2 + 1);
-        Node* n = new Node{buckets_[h % bucket_count_], h, Entry{key, value}};
+        void* block = hmap_memory::allocate(sizeof(Node));
+        Node* n = new (block) Node{buckets_[h % bucket_count_], h, Entry{key, value}};
         buckets_[h % bucket_count_] = n;
         ++size_;
         return {&n->entry.value, true};
@@ -182,7 +195,7 @@ public:
             Node* n = *link;
             if (n->hash == h && Traits::equal(n->entry.key, key)) {
                 *link = n->next;
-                delete n;
+                free_node_(n);
                 --size_;
                 return true;
             }
@@ -194,7 +207,7 @@ public:
         for (unsigned int b = 0; b < bucket_count_; ++b) {
             for (Node* n = buckets_[b]; n;) {
                 Node* next = n->next;
-                delete n;
+                free_node_(n);
                 n = next;
             }
             buckets_[b] = nullptr;
@@ -208,8 +221,18 @@ public:
     const_iterator end() const { return const_iterator(buckets_, bucket_count_, bucket_count_, nullptr); }
 
 private:
+    // The map owns its nodes and bucket array as raw blocks by design (see Memory above).
+    static Node** new_buckets_(unsigned int count) {
+        std::size_t bytes = static_cast<std::size_t>(count) * sizeof(Node*);
+        return static_cast<Node**>(hmap_memory::allocate_zeroed(bytes));
+    }
+    static void free_node_(Node* n) {
+        n->~Node();
+        hmap_memory::release(n);
+    }
+
     void rehash_(unsigned int count) {
-        Node** fresh = new Node*[count]();
+        Node** fresh = new_buckets_(count);
         for (unsigned int b = 0; b < bucket_count_; ++b) {
             for (Node* n = buckets_[b]; n;) {
                 Node* next = n->next;
@@ -218,7 +241,7 @@ private:
                 n = next;
             }
         }
-        delete[] buckets_;
+        hmap_memory::release(buckets_);
         buckets_ = fresh;
         bucket_count_ = count;
     }

@@ -39,6 +39,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "tarvik/AString.h"
 #include "tarvik/Array.h"
@@ -72,8 +73,8 @@ public:
     bool open(char const* text);
     bool open(StringBuffer const& buffer);
     bool open(CommBuffer const& buffer);
-    // Takes ownership of an implementation made by another family of the library.
-    bool open(IBStreamImpl* impl);
+    // Takes over an implementation made by another family of the library.
+    bool open(std::unique_ptr<IBStreamImpl> impl);
     void close();
     bool is_open() const;
     bool is_text() const;
@@ -92,7 +93,7 @@ public:
     AString dump();
 
 private:
-    IBStreamImpl* impl_ = nullptr;
+    std::unique_ptr<IBStreamImpl> impl_;
     bool open_ = false;  // impl_ is set and open: asked once, not per character
 };
 
@@ -121,8 +122,8 @@ public:
     bool open(AString& target, bool text = false);
     bool open(StringBuffer& target, bool text = false);
     bool open(CommBuffer& target, bool text);
-    // Takes ownership of an implementation made by another family of the library.
-    bool open(OBStreamImpl* impl);
+    // Takes over an implementation made by another family of the library.
+    bool open(std::unique_ptr<OBStreamImpl> impl);
     void close();
     bool is_open() const;
     bool is_text() const;
@@ -143,7 +144,7 @@ public:
 
 private:
     void put_text_char_(char c);
-    OBStreamImpl* impl_ = nullptr;
+    std::unique_ptr<OBStreamImpl> impl_;
 };
 
 // The process-wide standard streams, made on first use (standard output in text mode).

@@ -26,6 +26,7 @@
 #pragma once
 
 #include <concepts>
+#include <memory>
 
 #include "tarvik/AString.h"
 #include "tarvik/Types.h"
@@ -144,7 +145,7 @@ public:
 private:
     struct Arg {
         AString text;
-        Arg* next;
+        std::unique_ptr<Arg> next;
     };
 
     Log& push_(AString&& text);
@@ -169,8 +170,8 @@ private:
     char const* module_;
     char const* unit_;
     int line_;
-    Arg* head_ = nullptr;
-    Arg* tail_ = nullptr;
+    std::unique_ptr<Arg> head_;
+    Arg* tail_ = nullptr;  // the last of head_'s chain
 };
 
 }  // namespace tarvik

@@ -11,6 +11,8 @@
 // with other operations on the same object.
 #pragma once
 
+#include <memory>
+
 #include "tarvik/Time.h"
 #include "tarvik/Types.h"
 
@@ -18,7 +20,11 @@ namespace tarvik {
 
 namespace mutex_impl {
 struct Handle;
-}
+// Closes a handle and frees it; defined by the platform half, where Handle is complete.
+struct CloseHandle {
+    void operator()(Handle* h) const;
+};
+}  // namespace mutex_impl
 
 class TARVIK_EXPORT Mutex {
 public:
@@ -43,7 +49,7 @@ public:
 
 private:
     void close_();
-    mutex_impl::Handle* handle_ = nullptr;
+    std::unique_ptr<mutex_impl::Handle, mutex_impl::CloseHandle> handle_;
 };
 
 }  // namespace tarvik

@@ -30,6 +30,7 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 
 #include "tarvik/AutoRef.h"
 #include "tarvik/List.h"
@@ -144,7 +145,7 @@ public:
     static Processor& getDefaultProcessor();
 
 private:
-    ProcessorImpl* impl_;
+    std::unique_ptr<ProcessorImpl> impl_;
 };
 
 }  // namespace tarvik

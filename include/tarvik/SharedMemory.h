@@ -15,6 +15,8 @@
 // area's content: processes that share it use Event and Mutex (named) around it.
 #pragma once
 
+#include <memory>
+
 #include "tarvik/AString.h"
 #include "tarvik/Types.h"
 
@@ -24,7 +26,7 @@ struct SharedMemoryRecord;
 
 class TARVIK_EXPORT SharedMemory {
 public:
-    SharedMemory() = default;
+    SharedMemory();
     SharedMemory(char const* name, unsigned int size);
     // close().
     ~SharedMemory();
@@ -42,7 +44,7 @@ public:
     bool close();
 
 private:
-    SharedMemoryRecord* record_ = nullptr;
+    std::unique_ptr<SharedMemoryRecord> record_;
 };
 
 }  // namespace tarvik
