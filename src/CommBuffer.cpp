@@ -138,7 +138,10 @@ bool CommBuffer::Page::update_from_header() {
 }
 
 CommBuffer::Page* CommBuffer::add_page_(unsigned int capacity, bool with_header) {
-    auto* page = static_cast<Page*>(memory::allocate(sizeof(Page) + capacity));
+    // A page that cannot be allocated is left out without a record; the writer that asked for it stores
+    // fewer bytes (and says so by its count), a filler gets null.
+    auto* page = static_cast<Page*>(memory::try_allocate(sizeof(Page) + capacity));
+    if (!page) return nullptr;
     page->last = false;
     page->marker = 1;
     std::memcpy(page->flags, ascii_ ? "axxx" : "xxxx", 4);
@@ -194,6 +197,7 @@ void CommBuffer::copy_from_(CommBuffer const& other) {
     ascii_ = other.ascii_;
     for (Page const* p = other.pages_.first(); p; p = p->next) {
         Page* copy = add_page_(p->capacity, false);
+        if (!copy) break;
         std::memcpy(copy, p, sizeof(Page));
         std::memcpy(copy->data(), p->data(), p->used);
         copy->owner = this;
@@ -269,7 +273,7 @@ unsigned int CommBuffer::write_byte(unsigned char const* bytes, unsigned int n) 
     unsigned int done = 0;
     while (done < n) {
         if (!pages_.last() || pages_.last()->used >= pages_.last()->capacity) {
-            add_page_(page_size_, true);
+            if (!add_page_(page_size_, true)) break;
             if (pages_.last()->used >= pages_.last()->capacity) break;  // pages of 21 bytes hold no values
         }
         unsigned int room = pages_.last()->capacity - pages_.last()->used;
@@ -283,14 +287,17 @@ unsigned int CommBuffer::write_byte(unsigned char const* bytes, unsigned int n) 
 }
 
 unsigned char* CommBuffer::allocate(unsigned int& room) {
-    if (!pages_.last() || pages_.last()->used >= pages_.last()->capacity) add_page_(page_size_, false);
+    if ((!pages_.last() || pages_.last()->used >= pages_.last()->capacity) && !add_page_(page_size_, false)) {
+        room = 0;
+        return nullptr;
+    }
     room = pages_.last()->capacity - pages_.last()->used;
     return pages_.last()->data() + pages_.last()->used;
 }
 
 unsigned char* CommBuffer::allocate_in_new_page(unsigned int capacity, bool with_header) {
     Page* page = add_page_(capacity, with_header);
-    return page->data() + page->used;
+    return page ? page->data() + page->used : nullptr;
 }
 
 unsigned int CommBuffer::add_size(unsigned int n) {

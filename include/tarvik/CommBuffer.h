@@ -32,7 +32,8 @@
 //   Tuple         its class name, then per attribute: kind number (signed form), name, value; then 1
 //   lists, arrays the element count (unsigned form), then each element; the result counts the elements'
 //                 bytes only
-// Writers return the bytes written. Readers return the bytes read, or a negative value when the input is
+// Writers return the bytes written (fewer when a page could not be allocated: such a page is left out
+// without a record, and the bytes it would have held are not stored). Readers return the bytes read, or a negative value when the input is
 // malformed, with an ERR record: a dictionary position out of range ("CommBuffer::read_using_dictionary:
 // corrupted! (invalid pos %0)"), a name longer than the buffer ("... (invalid size %0)"), a length or
 // count that cannot fit in the bytes left ("CommBuffer::read: corrupted! (invalid length %0, %1 bytes
@@ -153,9 +154,10 @@ public:
     unsigned int write_byte(unsigned char const* bytes, unsigned int n);
     unsigned int write_raw(unsigned char const* bytes, unsigned int n) { return write_byte(bytes, n); }
     // The free space of the last page (a page without header room is added when there is none or it is
-    // full); `room` receives its size.
+    // full); `room` receives its size. Null and a room of 0 when a needed page cannot be allocated.
     unsigned char* allocate(unsigned int& room);
-    // A new page of the given capacity (with 21 bytes of header room when asked); its free space.
+    // A new page of the given capacity (with 21 bytes of header room when asked); its free space. Null,
+    // and no page added, when the page cannot be allocated.
     unsigned char* allocate_in_new_page(unsigned int capacity, bool with_header);
     // Declares n bytes written into the last page's free space; "WRONG ADD SIZE %0 [%1/%2]" when they do
     // not fit. Returns the size.

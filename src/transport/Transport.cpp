@@ -159,6 +159,10 @@ PageStreamReader::Status PageStreamReader::start_page_() {
         return status_ = TOO_LARGE;
     }
     page_ = into_.allocate_in_new_page(page_length_, false);
+    if (!page_) {
+        TVK_LOG(LEVEL_ERR, "NO MEMORY FOR A PAGE OF %0 BYTES (%1)") << page_length_ << peer_;
+        return status_ = TOO_LARGE;
+    }
     std::memcpy(page_, header_, kHeaderSize);
     page_got_ = kHeaderSize;
     return MORE;
