@@ -8,49 +8,20 @@
 
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 
+#include "AnnotatedMutex.h"
 #include "Deadline.h"
 #include "LogUnit.h"
 #include "Memory.h"
-#include "tarvik/ThreadSafety.h"
 
 TARVIK_LOG_UNIT()
 
 namespace tarvik::thread_impl {
 
-namespace {
-
-// std::mutex with the locking annotations (the standard library's carries none), and its scoped holder,
-// which also gives the condition variable the lock it waits with. A wait is written as a loop in the
-// holder's scope rather than with a predicate: the analysis does not know that a predicate runs locked.
-class TARVIK_CAPABILITY("mutex") GateLock {
-public:
-    void lock() TARVIK_ACQUIRE() { m_.lock(); }
-    void unlock() TARVIK_RELEASE() { m_.unlock(); }
-    std::mutex& native() { return m_; }
-
-private:
-    std::mutex m_;
-};
-
-class TARVIK_SCOPED_CAPABILITY GateHold {
-public:
-    explicit GateHold(GateLock& lock) TARVIK_ACQUIRE(lock) : lock_(lock.native()) {}
-    ~GateHold() TARVIK_RELEASE() {}
-    std::unique_lock<std::mutex>& native() { return lock_; }
-
-private:
-    std::unique_lock<std::mutex> lock_;
-};
-
-}  // namespace
-
 struct Handle {
-    GateLock m;
-    std::condition_variable cv;
+    AnnotatedMutex m;
+    CondVar cv;
     bool resumed TARVIK_GUARDED_BY(m) = false;
     bool cancelled TARVIK_GUARDED_BY(m) = false;
     bool ended TARVIK_GUARDED_BY(m) = false;
@@ -73,13 +44,13 @@ void* trampoline(void* p) {
     h->tid.store(static_cast<unsigned long>(::syscall(SYS_gettid)), std::memory_order_release);
     bool run;
     {
-        GateHold hold(h->m);
-        while (!h->resumed && !h->cancelled) h->cv.wait(hold.native());
+        MutexHold hold(h->m);
+        while (!h->resumed && !h->cancelled) h->cv.wait(hold);
         run = !h->cancelled;
     }
     if (run) h->body(h->arg);
     {
-        GateHold hold(h->m);
+        MutexHold hold(h->m);
         h->ended = true;
     }
     h->cv.notify_all();
@@ -103,7 +74,7 @@ Handle* create_suspended(void (*body)(void*), void* arg) {
 
 bool resume(Handle* h) {
     {
-        GateHold hold(h->m);
+        MutexHold hold(h->m);
         if (h->cancelled) return false;
         h->resumed = true;
     }
@@ -113,13 +84,13 @@ bool resume(Handle* h) {
 
 int wait_end(Handle* h, unsigned int ms) {
     Deadline const deadline = Deadline::in_ms(ms);
-    GateHold hold(h->m);
-    while (!h->ended && !deadline.expired()) h->cv.wait_until(hold.native(), deadline.when());
+    MutexHold hold(h->m);
+    while (!h->ended && !deadline.expired()) h->cv.wait_until(hold, deadline);
     return h->ended ? 1 : 0;
 }
 
 bool has_ended(Handle* h) {
-    GateHold hold(h->m);
+    MutexHold hold(h->m);
     return h->ended;
 }
 
@@ -128,7 +99,7 @@ unsigned long id(Handle* h) { return h->tid.load(std::memory_order_acquire); }
 void release(Handle* h) {
     bool ended;
     {
-        GateHold hold(h->m);
+        MutexHold hold(h->m);
         if (!h->resumed) h->cancelled = true;  // a thread never resumed ends without running its body
         ended = h->ended;
     }

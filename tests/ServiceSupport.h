@@ -1,12 +1,17 @@
 // ServiceSupport.h: what the service tests share: methods made from lambdas, services with named
-// interfaces, a live count of services, and log levels set for the length of a test.
+// interfaces, a live count of services, log levels set for the length of a test, and the check of one
+// error record.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <functional>
 #include <initializer_list>
+#include <string>
 #include <utility>
 
+#include "TestSupport.h"
 #include "tarvik/GlobVar.h"
 #include "tarvik/Interface.h"
 #include "tarvik/Service.h"
@@ -49,5 +54,12 @@ private:
     char const* unit_;
     int saved_;
 };
+
+// Expects exactly one "ERR" record of the library source file `unit` in `capture`, and one record holding
+// `text`.
+inline void expect_one_error(StdoutCapture& capture, char const* unit, char const* text) {
+    EXPECT_EQ(capture.records_with(std::string("ERR|TVK|") + unit + "|"), 1) << capture.text();
+    EXPECT_EQ(capture.records_with(text), 1) << text << "\n" << capture.text();
+}
 
 }  // namespace tarvik::test

@@ -13,6 +13,7 @@
 
 using namespace tarvik;
 using tarvik::test::CountedService;
+using tarvik::test::expect_one_error;
 using tarvik::test::LogLevel;
 using tarvik::test::make_service;
 using tarvik::test::Method;
@@ -77,8 +78,7 @@ TEST(Interface, UnregisteredMethodIsReportedAndLeavesTheOutputAlone) {
     out.set_int("kept", 7);
     StdoutCapture capture;
     EXPECT_EQ(alpha->call(Tuple("nope"), out), Interface::kNotRegistered);
-    EXPECT_EQ(capture.records_with("ERR|TVK|INTERFACE|"), 1) << capture.text();
-    EXPECT_EQ(capture.records_with("||INTERFACE CALL: 'svc.alpha'.'nope' FUNCTION NOT REGISTERED"), 1);
+    expect_one_error(capture, "INTERFACE", "||INTERFACE CALL: 'svc.alpha'.'nope' FUNCTION NOT REGISTERED");
     EXPECT_EQ(out.get_count(), 1u);
     EXPECT_EQ(out.get_int("kept", 0), 7);
     EXPECT_EQ(Call_C(AutoRef<Interface>(), "which").call(), Interface::kNotRegistered);
@@ -151,8 +151,7 @@ TEST(Service, InterfacesBelongToOneServiceAndHaveDistinctNames) {
     EXPECT_FALSE(s->add_interface(AutoRef<Interface>()));
     StdoutCapture capture;
     EXPECT_FALSE(other->add_interface(alpha));
-    EXPECT_EQ(capture.records_with("ERR|TVK|SERVICE|"), 1) << capture.text();
-    EXPECT_EQ(capture.records_with("||INTERFACE svc.alpha BELONG TO SERVICE own"), 1);
+    expect_one_error(capture, "SERVICE", "||INTERFACE svc.alpha BELONG TO SERVICE own");
     ListAString names;
     other->get_interface_names(names);
     EXPECT_TRUE(names.is_empty());
@@ -322,8 +321,7 @@ TEST(Service, InvalidSpecificationsAreReported) {
         SCOPED_TRACE(c.text);
         StdoutCapture capture;
         EXPECT_FALSE(c.bind ? Service::bind(c.text) : Service::create(c.text));
-        EXPECT_EQ(capture.records_with("ERR|TVK|SERVICE|"), 1) << capture.text();
-        EXPECT_EQ(capture.records_with(c.record), 1) << capture.text();
+        expect_one_error(capture, "SERVICE", c.record);
         RecordingFactory f("x", false, true);
         if (!c.bind) {
             EXPECT_FALSE(Service::create(c.text, f));
@@ -359,10 +357,8 @@ TEST(Service, BindToAnAddressNoTransportAcceptsIsNotConnected) {
     EXPECT_EQ(capture.records_with("||CREATE PROXY SERVICE class=calc name=main arg=NOWHERE:x"), 1) << capture.text();
     EXPECT_EQ(capture.records_with("LOG|TVK|SERVICEMANAGER|"), 2) << capture.text();
     EXPECT_EQ(capture.records_with("||TRY CHECK CONNECTION NOWHERE:x"), 1);
-    EXPECT_EQ(capture.records_with("ERR|TVK|SERVICEMANAGER|"), 1);
-    EXPECT_EQ(capture.records_with("||CHECK CONNECTION CREATE NOWHERE:x false"), 1);
-    EXPECT_EQ(capture.records_with("ERR|TVK|SERVICE|"), 1);
-    EXPECT_EQ(capture.records_with("||SERVICE calc.main NOT CONNECTED"), 1);
+    expect_one_error(capture, "SERVICEMANAGER", "||CHECK CONNECTION CREATE NOWHERE:x false");
+    expect_one_error(capture, "SERVICE", "||SERVICE calc.main NOT CONNECTED");
 }
 
 TEST(Service, LifecycleAndPublishingRecords) {

@@ -108,7 +108,7 @@ TransportConfig& inproc_config() {
 void EndpointTimes::set_param(Tuple const& param) {
     static Symbol const comm_name("comm_timeout");
     static Symbol const connection_name("connection_timeout");
-    std::lock_guard<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     if (TimePeriod const* t = param.get_ptime_period(comm_name)) comm_ = *t;
     if (TimePeriod const* t = param.get_ptime_period(connection_name)) connection_ = *t;
 }
@@ -116,18 +116,18 @@ void EndpointTimes::set_param(Tuple const& param) {
 void EndpointTimes::put(Tuple& param, bool with_connection) const {
     static Symbol const comm_name("comm_timeout");
     static Symbol const connection_name("connection_timeout");
-    std::lock_guard<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     param.set_time_period(comm_name, comm_);
     if (with_connection) param.set_time_period(connection_name, connection_);
 }
 
 TimePeriod EndpointTimes::comm() const {
-    std::lock_guard<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     return comm_;
 }
 
 TimePeriod EndpointTimes::connection() const {
-    std::lock_guard<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     return connection_;
 }
 
@@ -252,21 +252,21 @@ thread_local CallbackSlot const* tls_delivering = nullptr;
 }  // namespace
 
 void CallbackSlot::set(Listener::Callback* callback) {
-    std::lock_guard<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     callback_ = callback;
 }
 
 void CallbackSlot::reset() {
-    std::unique_lock<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     callback_ = nullptr;
-    int own = tls_delivering == this ? 1 : 0;
-    idle_.wait(hold, [&] { return active_ <= own; });
+    int const own = tls_delivering == this ? 1 : 0;
+    while (active_ > own) idle_.wait(hold);
 }
 
 bool CallbackSlot::deliver(Tuple const& request, Tuple& reply) {
     Listener::Callback* callback;
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        MutexHold hold(mutex_);
         callback = callback_;
         if (!callback) return false;
         ++active_;
@@ -275,7 +275,7 @@ bool CallbackSlot::deliver(Tuple const& request, Tuple& reply) {
     tls_delivering = this;
     callback->on_request(request, reply);
     tls_delivering = outer;
-    std::lock_guard<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     if (--active_ <= 1) idle_.notify_all();
     return true;
 }

@@ -39,10 +39,9 @@
 // CallbackSlot lock internally; a PageStreamReader belongs to one thread.
 #pragma once
 
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
+#include "../AnnotatedMutex.h"  // relative, so that tests reach it without the private include path
 #include "tarvik/AString.h"
 #include "tarvik/GlobVar.h"
 #include "tarvik/Listener.h"
@@ -107,17 +106,18 @@ inline bool is_unset(TimePeriod const& t) { return t.get_seconds() == -1 && t.ge
 class TARVIK_EXPORT EndpointTimes {
 public:
     // Takes "comm_timeout" / "connection_timeout" (TimePeriod) from `param`; absent ones change nothing.
-    void set_param(Tuple const& param);
+    void set_param(Tuple const& param) TARVIK_EXCLUDES(mutex_);
     // Writes "comm_timeout" (and "connection_timeout" when `with_connection`) as they stand, unset ones as
     // the unset value.
-    void put(Tuple& param, bool with_connection) const;
-    TimePeriod comm() const;
-    TimePeriod connection() const;
+    void put(Tuple& param, bool with_connection) const TARVIK_EXCLUDES(mutex_);
+    TimePeriod comm() const TARVIK_EXCLUDES(mutex_);
+    TimePeriod connection() const TARVIK_EXCLUDES(mutex_);
 
 private:
-    mutable std::mutex mutex_;                    // guards the two values
-    TimePeriod comm_ = unset_time();
-    TimePeriod connection_ = unset_time();
+    // A leaf lock: nothing else is taken while it is held.
+    mutable AnnotatedMutex mutex_;
+    TimePeriod comm_ TARVIK_GUARDED_BY(mutex_) = unset_time();
+    TimePeriod connection_ TARVIK_GUARDED_BY(mutex_) = unset_time();
 };
 
 // Writes the listener's State counters into `param` ("requests", "failed", "connections", "bytes_in",
@@ -154,7 +154,6 @@ private:
     unsigned int page_length_ = 0;
     unsigned int page_got_ = 0;
     unsigned int total_ = 0;
-    bool last_ = false;
     Status status_ = MORE;
 };
 
@@ -172,17 +171,19 @@ TARVIK_EXPORT int receive_tuple(CommBuffer const& in, Tuple& out, unsigned int m
 // calls are in progress, so that unlinking waits for them (after reset() no worker calls the old callback).
 class TARVIK_EXPORT CallbackSlot {
 public:
-    void set(Listener::Callback* callback);
+    void set(Listener::Callback* callback) TARVIK_EXCLUDES(mutex_);
     // Unlinks and waits until no call into the old callback is in progress.
-    void reset();
-    // Calls the linked callback with the request; false (reply untouched) when none is linked.
-    bool deliver(Tuple const& request, Tuple& reply);
+    void reset() TARVIK_EXCLUDES(mutex_);
+    // Calls the linked callback with the request, without the lock (the callback may take any lock,
+    // including this slot's through reset()); false (reply untouched) when none is linked.
+    bool deliver(Tuple const& request, Tuple& reply) TARVIK_EXCLUDES(mutex_);
 
 private:
-    std::mutex mutex_;                            // guards callback_ and active_
-    std::condition_variable idle_;                // signalled when active_ drops to 0
-    Listener::Callback* callback_ = nullptr;
-    int active_ = 0;
+    // A leaf lock: held only to read or count, never across the callback.
+    AnnotatedMutex mutex_;
+    CondVar idle_;                                // signalled when active_ drops to 0 or 1
+    Listener::Callback* callback_ TARVIK_GUARDED_BY(mutex_) = nullptr;
+    int active_ TARVIK_GUARDED_BY(mutex_) = 0;
 };
 
 // Address parsing of the factories, exposed so that the parsed parts can be checked on their own.

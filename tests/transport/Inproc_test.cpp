@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "ServiceSupport.h"
 #include "TestSupport.h"
 #include "tarvik/GlobVar.h"
 #include "tarvik/Interface.h"
@@ -18,6 +19,7 @@
 #include "tarvik/Tuple.h"
 
 using namespace tarvik;
+using tarvik::test::Method;
 using tarvik::test::StdoutCapture;
 
 namespace {
@@ -167,34 +169,25 @@ TEST(Inproc, CallbackStoppingItsOwnListenerStillAnswersItsCall) {
     EXPECT_EQ(log.records_with("WORKERS STILL BUSY"), 0);
 }
 
-// A method of one manager's service that calls another manager's service through a proxy.
-struct Relay : Service::CallMethod {
-    Relay() : CallMethod("relay", "forward") {}
-    long call(Tuple const& in, Tuple& out) override {
-        AutoRef<Service> next = Service::bind("inproc.b:b@INPROC:beta");
-        if (!next) return -99;
-        Tuple inner("double");
-        inner.set_int("n", in.get_int("n", 0));
-        long r = next->call("math", inner, out);
-        out.set_int("relayed", 1);
-        return r;
-    }
-};
-
-struct Double : Service::CallMethod {
-    Double() : CallMethod("math", "double") {}
-    long call(Tuple const& in, Tuple& out) override {
-        out.set_int("n", in.get_int("n", 0) * 2);
-        return 2;
-    }
-};
-
 TEST(Inproc, ManagersOfOneProcessCallEachOther) {
     init();
-    static Relay* const relay = new Relay;
-    static Double* const twice = new Double;
-    (void)relay;
-    (void)twice;
+    // relay.forward, on one manager's service, calls math.double of another manager's service by proxy.
+    static Method const* const methods[] = {
+        new Method("relay", "forward", [](Tuple const& in, Tuple& out) {
+            AutoRef<Service> next = Service::bind("inproc.b:b@INPROC:beta");
+            if (!next) return -99L;
+            Tuple inner("double");
+            inner.set_int("n", in.get_int("n", 0));
+            long r = next->call("math", inner, out);
+            out.set_int("relayed", 1);
+            return r;
+        }),
+        new Method("math", "double", [](Tuple const& in, Tuple& out) {
+            out.set_int("n", in.get_int("n", 0) * 2);
+            return 2L;
+        }),
+    };
+    (void)methods;
     AutoRef<ServiceManager> alpha = ServiceManager::create();
     AutoRef<ServiceManager> beta = ServiceManager::create();
     AutoRef<Service> a(new Service("inproc.a", "a", ""));

@@ -27,12 +27,20 @@
 // waited for: its call is answered and its worker ends after it.
 //
 // Thread safety: as Listener.h and Sender.h state; every lock below names what it guards.
+//
+// Lock order (a lock may be taken while holding only those above it):
+//   INPROCListener::mutex_  (held while starting: takes the registry's lock; while checking is_stopped():
+//                            takes InprocPort::mutex_)
+//   INPROCSender::mutex_    (held while checking is_stopped(): takes InprocPort::mutex_)
+//   the registry's lock     (INPROCListener.cpp; a leaf)
+//   InprocPort::mutex_      (held while stop() fails the requests in flight: takes InprocExchange::mutex;
+//                            dropped before a worker takes an exchange's lock or runs a callback)
+//   InprocExchange::mutex   (a leaf; the listener's State counters, atomics, are updated under it)
+// CallbackSlot's and EndpointTimes's locks (Transport.h) are leaves taken with none of these held.
 #pragma once
 
-#include <condition_variable>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -50,14 +58,15 @@ struct InprocExchange {
 
     CommBuffer request;                  // filled by the sender before posting; read by one worker
     CommBuffer answer;                   // filled by the worker; read by the sender once ANSWERED
-    std::mutex mutex;                    // guards state and result (and the hand-over of answer)
-    std::condition_variable settled;     // signalled when state becomes ANSWERED or FAILED
-    State state = QUEUED;
-    int result = 0;
+    AnnotatedMutex mutex;                // also orders the hand-over of answer (written before ANSWERED)
+    CondVar settled;                     // signalled when state becomes ANSWERED or FAILED
+    State state TARVIK_GUARDED_BY(mutex) = QUEUED;
+    int result TARVIK_GUARDED_BY(mutex) = 0;
 
     // Ends a request that is still QUEUED or TAKEN with a failure; false when it was already settled or
     // abandoned.
-    bool fail(int why);
+    bool fail(int why) TARVIK_EXCLUDES(mutex);
+    bool is_settled() const TARVIK_REQUIRES(mutex) { return state == ANSWERED || state == FAILED; }
 };
 
 // What a listener shares with its ports and their workers (which may outlive a listener that stopped
@@ -78,19 +87,21 @@ public:
     InprocPort& operator=(InprocPort const&) = delete;
 
     // Queues a request for a worker; false when the port has stopped.
-    bool post(std::shared_ptr<InprocExchange> const& exchange);
+    bool post(std::shared_ptr<InprocExchange> const& exchange) TARVIK_EXCLUDES(mutex_);
     // See the header comment; `wait_ms` bounds the wait for calls in progress (negative: no bound).
-    void stop(int wait_ms);
-    bool is_stopped();
+    void stop(int wait_ms) TARVIK_EXCLUDES(mutex_);
+    bool is_stopped() TARVIK_EXCLUDES(mutex_);
     InprocShared& shared() { return *shared_; }
     AString const& address() const { return address_; }
 
 private:
+    // The analysis cannot tie a Worker's field to the port that owns it, so `current` is reached only
+    // through current_(), which requires the port's lock.
     struct Worker {
         std::thread thread;
-        std::shared_ptr<InprocExchange> current;  // guarded by the port's mutex_
-        bool exited = false;                      // guarded by the port's mutex_
+        std::shared_ptr<InprocExchange> current;  // the request being served, null when idle
     };
+    std::shared_ptr<InprocExchange>& current_(Worker& worker) TARVIK_REQUIRES(mutex_) { return worker.current; }
 
     // What serving one request gave: its encoded answer, or the failure to report.
     struct Outcome {
@@ -98,22 +109,23 @@ private:
         CommBuffer answer;
     };
 
-    void run_worker_(Worker* worker);
+    void run_worker_(Worker* worker) TARVIK_EXCLUDES(mutex_);
     // Decodes the request, delivers it and encodes the answer (no lock held).
-    void serve_(InprocExchange& exchange, Outcome& outcome);
+    void serve_(InprocExchange& exchange, Outcome& outcome) TARVIK_EXCLUDES(mutex_, exchange.mutex);
     // Hands the answer (or the failure) to the caller, unless it has given up.
-    void settle_(InprocExchange& exchange, Outcome& outcome);
+    void settle_(InprocExchange& exchange, Outcome& outcome) TARVIK_EXCLUDES(mutex_, exchange.mutex);
 
     AString const address_;
     std::shared_ptr<InprocShared> const shared_;
-    std::mutex mutex_;                   // guards queue_, workers_, detached_, busy_, stopping_
-    std::condition_variable wake_;       // workers wait here for requests (or the stop)
-    std::condition_variable quiet_;      // stop() waits here for busy_ to reach 0
-    std::deque<std::shared_ptr<InprocExchange>> queue_;
-    std::vector<std::unique_ptr<Worker>> workers_;
-    std::vector<std::unique_ptr<Worker>> detached_;  // workers left running at stop (kept for their state)
-    int busy_ = 0;
-    bool stopping_ = false;
+    AnnotatedMutex mutex_;
+    CondVar wake_;                       // workers wait here for requests (or the stop)
+    CondVar quiet_;                      // stop() waits here for busy_ to reach 0
+    std::deque<std::shared_ptr<InprocExchange>> queue_ TARVIK_GUARDED_BY(mutex_);
+    std::vector<std::unique_ptr<Worker>> workers_ TARVIK_GUARDED_BY(mutex_);
+    // Workers left running at stop, kept until the port goes (each holds the port until it ends).
+    std::vector<std::unique_ptr<Worker>> detached_ TARVIK_GUARDED_BY(mutex_);
+    int busy_ TARVIK_GUARDED_BY(mutex_) = 0;
+    bool stopping_ TARVIK_GUARDED_BY(mutex_) = false;
 };
 
 class INPROCListener : public Listener {
@@ -121,10 +133,10 @@ public:
     explicit INPROCListener(char const* address);
     ~INPROCListener() override;
 
-    bool start() override;
-    bool stop() override;
+    bool start() override TARVIK_EXCLUDES(mutex_);
+    bool stop() override TARVIK_EXCLUDES(mutex_);
     bool is_ok() override;
-    bool is_stopped() override;
+    bool is_stopped() override TARVIK_EXCLUDES(mutex_);
     void set_callback(Callback& callback) override;
     void reset_callback() override;
     State& get_state() override { return shared_->state; }
@@ -137,8 +149,8 @@ private:
     bool ok_ = false;
     EndpointTimes times_;
     std::shared_ptr<InprocShared> const shared_;
-    std::mutex mutex_;                   // guards port_ (start/stop/is_stopped)
-    std::shared_ptr<InprocPort> port_;
+    AnnotatedMutex mutex_;               // serialises start/stop/is_stopped
+    std::shared_ptr<InprocPort> port_ TARVIK_GUARDED_BY(mutex_);
 };
 
 class INPROCSender : public Sender {
@@ -147,23 +159,23 @@ public:
     ~INPROCSender() override;
 
     bool is_ok() override { return ok_; }
-    bool is_connected() override;
-    int call(Tuple const& request, Tuple& reply) override;
+    bool is_connected() override TARVIK_EXCLUDES(mutex_);
+    int call(Tuple const& request, Tuple& reply) override TARVIK_EXCLUDES(mutex_);
     void set_param(Tuple const& param) override { times_.set_param(param); }
     Tuple& get_param(Tuple& param) override;
 
 private:
     // The port of the listener of our name, looked up again when the one held has stopped; null when no
     // listener of the name runs.
-    std::shared_ptr<InprocPort> port_();
-    void hold_(std::shared_ptr<InprocPort> port);
+    std::shared_ptr<InprocPort> port_() TARVIK_EXCLUDES(mutex_);
+    void hold_(std::shared_ptr<InprocPort> port) TARVIK_EXCLUDES(mutex_);
 
     AString const address_;
     AString name_;
     bool ok_ = false;
     EndpointTimes times_;
-    std::mutex mutex_;                   // guards held_
-    std::shared_ptr<InprocPort> held_;
+    AnnotatedMutex mutex_;
+    std::shared_ptr<InprocPort> held_ TARVIK_GUARDED_BY(mutex_);
 };
 
 // The port of the started listener of that name, or null.

@@ -16,8 +16,8 @@ namespace {
 
 // The started listeners by name. Made on first use and never destroyed.
 struct PortRegistry {
-    std::mutex mutex;                                             // guards ports
-    std::map<std::string, std::weak_ptr<InprocPort>> ports;
+    AnnotatedMutex mutex;
+    std::map<std::string, std::weak_ptr<InprocPort>> ports TARVIK_GUARDED_BY(mutex);
 };
 
 PortRegistry& registry() {
@@ -27,7 +27,7 @@ PortRegistry& registry() {
 
 bool claim_name(AString const& name, std::shared_ptr<InprocPort> const& port) {
     PortRegistry& r = registry();
-    std::lock_guard<std::mutex> hold(r.mutex);
+    MutexHold hold(r.mutex);
     auto& slot = r.ports[std::string(name.c_str())];
     if (!slot.expired()) return false;
     slot = port;
@@ -36,7 +36,7 @@ bool claim_name(AString const& name, std::shared_ptr<InprocPort> const& port) {
 
 void free_name(AString const& name, InprocPort const* port) {
     PortRegistry& r = registry();
-    std::lock_guard<std::mutex> hold(r.mutex);
+    MutexHold hold(r.mutex);
     auto it = r.ports.find(std::string(name.c_str()));
     if (it == r.ports.end()) return;
     auto held = it->second.lock();
@@ -51,7 +51,7 @@ thread_local InprocPort const* tls_port = nullptr;
 
 std::shared_ptr<InprocPort> find_inproc_port(AString const& name) {
     PortRegistry& r = registry();
-    std::lock_guard<std::mutex> hold(r.mutex);
+    MutexHold hold(r.mutex);
     auto it = r.ports.find(std::string(name.c_str()));
     return it == r.ports.end() ? nullptr : it->second.lock();
 }
@@ -62,7 +62,7 @@ std::shared_ptr<InprocPort> find_inproc_port(AString const& name) {
 // settles an exchange holds a reference to it, so the condition variable outlives the notification.
 bool InprocExchange::fail(int why) {
     {
-        std::lock_guard<std::mutex> hold(mutex);
+        MutexHold hold(mutex);
         if (state != QUEUED && state != TAKEN) return false;
         state = FAILED;
         result = why;
@@ -84,7 +84,7 @@ InprocPort::~InprocPort() {
 }
 
 bool InprocPort::post(std::shared_ptr<InprocExchange> const& exchange) {
-    std::unique_lock<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     if (stopping_) return false;
     queue_.push_back(exchange);
     // Workers not serving a request will take the queued ones; another is started only when the queue is
@@ -104,24 +104,24 @@ bool InprocPort::post(std::shared_ptr<InprocExchange> const& exchange) {
 }
 
 bool InprocPort::is_stopped() {
-    std::lock_guard<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     return stopping_;
 }
 
 void InprocPort::run_worker_(Worker* worker) {
     tls_port = this;
-    std::unique_lock<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     for (;;) {
         while (queue_.empty() && !stopping_) wake_.wait(hold);
         if (queue_.empty()) break;
         std::shared_ptr<InprocExchange> exchange = static_cast<std::shared_ptr<InprocExchange>&&>(queue_.front());
         queue_.pop_front();
-        worker->current = exchange;
+        current_(*worker) = exchange;
         ++busy_;
         hold.unlock();
         bool taken;
         {
-            std::lock_guard<std::mutex> lock(exchange->mutex);
+            MutexHold lock(exchange->mutex);
             taken = exchange->state == InprocExchange::QUEUED;  // not abandoned by a caller that gave up
             if (taken) exchange->state = InprocExchange::TAKEN;
         }
@@ -130,13 +130,12 @@ void InprocPort::run_worker_(Worker* worker) {
         // Free before the caller learns of its answer, so that its next request finds this worker idle
         // rather than starting another one.
         hold.lock();
-        worker->current.reset();
+        current_(*worker).reset();
         if (--busy_ == 0) quiet_.notify_all();
         hold.unlock();
         if (taken) settle_(*exchange, outcome);
         hold.lock();
     }
-    worker->exited = true;
 }
 
 void InprocPort::serve_(InprocExchange& exchange, Outcome& outcome) {
@@ -172,7 +171,7 @@ void InprocPort::settle_(InprocExchange& exchange, Outcome& outcome) {
     }
     unsigned int size = outcome.answer.size();
     {
-        std::lock_guard<std::mutex> hold(exchange.mutex);
+        MutexHold hold(exchange.mutex);
         if (exchange.state != InprocExchange::TAKEN) return;  // the caller gave up, or the port stopped
         exchange.answer.splice(outcome.answer);
         exchange.state = InprocExchange::ANSWERED;
@@ -186,7 +185,7 @@ void InprocPort::settle_(InprocExchange& exchange, Outcome& outcome) {
 void InprocPort::stop(int wait_ms) {
     std::deque<std::shared_ptr<InprocExchange>> waiting;
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        MutexHold hold(mutex_);
         if (stopping_) return;
         stopping_ = true;
         waiting.swap(queue_);
@@ -198,21 +197,18 @@ void InprocPort::stop(int wait_ms) {
     std::vector<std::unique_ptr<Worker>> ending;
     int stuck = 0;
     {
-        std::unique_lock<std::mutex> hold(mutex_);
+        MutexHold hold(mutex_);
         int const own = tls_port == this ? 1 : 0;  // stopped from inside a callback of this port
-        Deadline deadline = Deadline::in_ms(wait_ms);
-        if (deadline.is_never()) {
-            quiet_.wait(hold, [this, own] { return busy_ <= own; });
-        } else {
-            quiet_.wait_until(hold, deadline.when(), [this, own] { return busy_ <= own; });
+        Deadline const deadline = Deadline::in_ms(wait_ms);
+        while (busy_ > own && quiet_.wait_until(hold, deadline)) {
         }
         for (auto& w : workers_) {
             if (w->thread.get_id() == std::this_thread::get_id()) {
                 // This worker answers its own call, then ends.
                 w->thread.detach();
                 detached_.push_back(static_cast<std::unique_ptr<Worker>&&>(w));
-            } else if (w->current) {
-                w->current->fail(Sender::CALL_PEER_CLOSED);
+            } else if (current_(*w)) {
+                current_(*w)->fail(Sender::CALL_PEER_CLOSED);
                 ++stuck;
                 w->thread.detach();
                 detached_.push_back(static_cast<std::unique_ptr<Worker>&&>(w));
@@ -240,7 +236,7 @@ INPROCListener::~INPROCListener() {
 
 bool INPROCListener::start() {
     if (!ok_) return false;
-    std::lock_guard<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     if (port_ && !port_->is_stopped()) return true;
     auto port = std::make_shared<InprocPort>(name_, shared_);
     if (!claim_name(name_, port)) {
@@ -255,7 +251,7 @@ bool INPROCListener::start() {
 bool INPROCListener::stop() {
     std::shared_ptr<InprocPort> port;
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        MutexHold hold(mutex_);
         port.swap(port_);
     }
     if (!port) return true;
@@ -267,7 +263,7 @@ bool INPROCListener::stop() {
 bool INPROCListener::is_ok() { return ok_; }
 
 bool INPROCListener::is_stopped() {
-    std::lock_guard<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     return !port_ || port_->is_stopped();
 }
 

@@ -18,7 +18,7 @@ INPROCSender::~INPROCSender() { hold_(nullptr); }
 void INPROCSender::hold_(std::shared_ptr<InprocPort> port) {
     std::shared_ptr<InprocPort> old;
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        MutexHold hold(mutex_);
         if (held_ == port) return;
         old = held_;
         held_ = port;
@@ -30,7 +30,7 @@ void INPROCSender::hold_(std::shared_ptr<InprocPort> port) {
 std::shared_ptr<InprocPort> INPROCSender::port_() {
     std::shared_ptr<InprocPort> port;
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        MutexHold hold(mutex_);
         port = held_;
     }
     if (port && !port->is_stopped()) return port;
@@ -40,7 +40,7 @@ std::shared_ptr<InprocPort> INPROCSender::port_() {
 }
 
 bool INPROCSender::is_connected() {
-    std::lock_guard<std::mutex> hold(mutex_);
+    MutexHold hold(mutex_);
     return held_ && !held_->is_stopped();
 }
 
@@ -68,13 +68,10 @@ int INPROCSender::call(Tuple const& request, Tuple& reply) {
         return CALL_PEER_CLOSED;
     }
     {
-        std::unique_lock<std::mutex> hold(exchange->mutex);
-        auto settled = [&exchange] {
-            return exchange->state == InprocExchange::ANSWERED || exchange->state == InprocExchange::FAILED;
-        };
-        if (deadline.is_never()) {
-            exchange->settled.wait(hold, settled);
-        } else if (!exchange->settled.wait_until(hold, deadline.when(), settled)) {
+        MutexHold hold(exchange->mutex);
+        while (!exchange->is_settled() && exchange->settled.wait_until(hold, deadline)) {
+        }
+        if (!exchange->is_settled()) {
             exchange->state = InprocExchange::ABANDONED;
             hold.unlock();
             TVK_LOG(LEVEL_ERR, "INPROC CALL TO '%0' TIMED OUT AFTER %1 MS") << address_ << timeout_ms;
