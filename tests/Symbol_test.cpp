@@ -16,12 +16,9 @@ using tarvik::AString;
 using tarvik::Symbol;
 using tarvik::SymbolEntry;
 using tarvik::test::run_together;
+using tarvik::test::str;
 
 namespace {
-
-std::string str(AString const& s) {
-    return std::string(s.c_str(), s.length());
-}
 
 }  // namespace
 

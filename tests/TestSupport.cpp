@@ -74,6 +74,59 @@ Tuple all_kinds() {
 }
 
 
+Tuple awkward_kinds() {
+    using F = std::numeric_limits<float>;
+    using D = std::numeric_limits<double>;
+    using L = std::numeric_limits<std::int64_t>;
+    AString bytes("<a href=\"x\" b='y'>&amp; </a>\n\r\t\v\f two  spaces \x80\xe9\xff");
+    WChar const units[] = {'<', 0xE9, 0x20AC, 0xD83D, 0xDE00, 0xFFFF, '\n', ' '};
+    StringBuffer buffer(4);  // several pages
+    buffer.append(bytes.c_str(), bytes.length());
+    Tuple inner("user & <co>");
+    inner.set_astring("name\t\"x\"", " padded ");
+    for (char const* name : {" ", ":", "a\"b"}) inner.set_astring(name, name);  // names that need quoting
+    Tuple t("every kind");
+    t.set_bool("b", true);
+    t.set_list_bool("lbo", ListBool{false, true});
+    t.set_int("i", std::numeric_limits<int>::min());
+    t.set_list_int("li", ListInt{std::numeric_limits<int>::max(), 0});
+    t.set_long("l", L::min());
+    t.set_list_long("ll", ListLong{L::max(), -1});
+    t.set_float("f", F::denorm_min());
+    t.set_list_float("lf", ListFloat{F::infinity(), -F::infinity(), F::quiet_NaN(), F::max(), 0.1f});
+    t.set_double("d", D::lowest());
+    t.set_list_double("ld", ListDouble{D::infinity(), D::quiet_NaN(), D::denorm_min(), 0.1});
+    t.set_astring("as", bytes);
+    t.set_list_astring("las", ListAString{bytes, "", " "});
+    t.set_string("s", String(units, 8));
+    t.set_list_string("ls", ListString{String(units, 8), String()});
+    t.set_blob("bb", Blob(std::string(100, '\xa5').data(), 100, 100));  // base64 over several lines
+    t.set_list_blob("lb", ListBlob{Blob(), Blob("\xff", 1, 1)});
+    t.set_stringbuffer("sb", buffer);
+    t.set_list_stringbuffer("lsb", ListStringBuffer{buffer, StringBuffer()});
+    t.set_symbol("ss", Symbol("a <b>:"));
+    t.set_list_symbol("lss", ListSymbol{Symbol(""), Symbol("plain")});
+    t.set_time_period("tp", TimePeriod(L::min(), 0, false));
+    t.set_list_time_period("ltp", ListTimePeriod{TimePeriod(0, -1, false), TimePeriod(-5, -250000, false),
+                                                 TimePeriod(L::max(), 999999, false), TimePeriod()});
+    t.set_time_date("td", TimeDate(-44, 3, 15, 12, 30, 0, 7, false));
+    t.set_list_time_date("ltd", ListTimeDate{TimeDate(2024, 2, 29, 23, 59, 59, 999999, false),
+                                             TimeDate(L::max() / 4), TimeDate(std::int64_t{-1})});
+    t.set_array_int("ai", ArrayInt{std::numeric_limits<int>::min(), 0});
+    t.set_array_long("al", ArrayLong{});
+    t.set_array_float("af", ArrayFloat{-0.0f, F::lowest()});
+    t.set_array_double("ad", ArrayDouble{D::max(), D::min()});
+    t.set_list_array_int("lai", ListArrayInt{ArrayInt{1}, ArrayInt{}});
+    t.add_array_long("lal", ArrayLong{L::max()});
+    t.add_array_float("laf", ArrayFloat{F::min()});
+    t.set_list_array_double("lad", ListArrayDouble{});
+    t.set_tuple("t", Tuple()).set_tuple("deeper", inner);
+    t.set_list_tuple("lt", ListTuple{inner, Tuple(), inner});
+    t.set_list_tuple("lt.empty", ListTuple{});
+    t.set_astring("", "unnamed");
+    return t;
+}
+
 void run_together(int n, std::function<void(int)> const& body) {
     std::latch start(n);
     std::vector<std::thread> threads;
@@ -141,6 +194,21 @@ int StdoutCapture::records_with(std::string const& needle) {
     for (std::string line; std::getline(lines, line);)
         if (line.find(needle) != std::string::npos) ++n;
     return n;
+}
+
+int errors_in(std::string text, std::string const& message, std::string const& unit) {
+    std::string const continuation = "\n" + std::string(16, ' ');
+    for (std::size_t at; (at = text.find(continuation)) != std::string::npos;) text.erase(at, continuation.size());
+    std::string const mark = "\tERR|TVK|" + (unit.empty() ? "" : unit + "|");
+    std::istringstream lines(text);
+    int n = 0;
+    for (std::string line; std::getline(lines, line);)
+        n += line.find(mark) != std::string::npos && line.ends_with("||" + message);
+    return n;
+}
+
+std::string unique_name(char const* what) {
+    return std::string("tvk-test.") + what + "." + std::to_string(::getpid());
 }
 
 std::string read_file(std::string const& path) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tarvik/AString.h"
+#include "tarvik/Time.h"
 #include "tarvik/Tuple.h"
 
 namespace tarvik::test {
@@ -24,6 +25,10 @@ private:
     std::string path_;
 };
 
+// How many "ERR" records in printed text (of `unit`, when given) end with exactly `message`; wrapped
+// records are rejoined first.
+int errors_in(std::string text, std::string const& message, std::string const& unit = "");
+
 // Captures what the process writes to standard output (where log records are printed) between
 // construction and text(). Records are flushed line by line, so text() sees every finished record.
 class StdoutCapture {
@@ -39,6 +44,10 @@ public:
     // How many captured log records contain `needle`. A record that wrapped (a line feed and the
     // continuation indent of 16 spaces) is rejoined first, so long records match as one text.
     int records_with(std::string const& needle);
+    // How many "ERR" records (of `unit`, when given) end with exactly `message`; see errors_in().
+    int errors(std::string const& message, std::string const& unit = "") {
+        return errors_in(text(), message, unit);
+    }
 
 private:
     int saved_fd_ = -1;
@@ -46,6 +55,23 @@ private:
     std::string text_;
     bool done_ = false;
 };
+
+// Runs `step` with standard output (where log records go) captured; what it printed.
+template <class F>
+std::string printed(F step) {
+    StdoutCapture capture;
+    step();
+    return capture.text();
+}
+
+// The bytes of an AString, embedded zeros included.
+inline std::string str(AString const& s) { return std::string(s.c_str(), s.length()); }
+
+// A name no other test program running now uses: "tvk-test.<what>.<process id>".
+std::string unique_name(char const* what);
+
+// n milliseconds.
+inline TimePeriod ms(long n) { return TimePeriod(0, n, true); }
 
 // Counts live objects, so that every construction is matched by exactly one destruction; the AString
 // member puts every element on the heap for the sanitizer builds.
@@ -64,6 +90,12 @@ struct Tracked {
 // One attribute of every kind, named by its code: values of several integer bytes, negative numbers, empty
 // and non-ASCII contents, repeated names (class "all.kinds").
 Tuple all_kinds();
+
+// One attribute of every kind with the awkward values of each, for the text and XML forms: markup,
+// quotes, white space and non-ASCII text (no other control characters, which XML drops) in its strings
+// and names, extreme and signed-zero and not-a-number floats, periods and dates at their limits, empty
+// lists, items and names (class "every kind").
+Tuple awkward_kinds();
 
 // Runs body(t) on n threads (t = 0 .. n-1), released together so that they contend from the start, and
 // waits for all of them.
