@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -29,51 +30,6 @@ namespace tarvik::test {
 
 // One attribute of every kind, named by its code: values of several integer bytes, negative numbers, empty
 // and non-ASCII contents, repeated names.
-Tuple all_kinds() {
-    static WChar const units[] = {0x41, 0xE9, 0x20AC, 0xFFFF, 0};
-    StringBuffer sb("string buffer bytes");
-    Tuple inner("inner");
-    inner.set_int("x", -1);
-    inner.set_astring("y", "");
-    Tuple t("all.kinds");
-    t.set_bool("b", true);
-    t.set_int("i", std::numeric_limits<int>::min() + 1);
-    t.set_long("l", std::numeric_limits<std::int64_t>::max());
-    t.set_float("f", -1.5e-30f);
-    t.set_double("d", 6.02214076e23);
-    t.set_astring("as", "text");
-    t.set_string("s", String(units));
-    t.set_blob("bb", Blob("\0\x01\xff", 3, 0));
-    t.set_time_period("tp", TimePeriod(std::int64_t{-5}, 250000, false));
-    t.set_time_date("td", TimeDate(2024, 2, 29, 23, 59, 58, 999999, false));
-    t.set_array_int("ai", ArrayInt{0, -200, 1 << 30});
-    t.set_array_long("al", ArrayLong{std::numeric_limits<std::int64_t>::min() + 1});
-    t.set_array_float("af", ArrayFloat{0.25f});
-    t.set_array_double("ad", ArrayDouble{-0.5, 1e300});
-    t.set_symbol("ss", Symbol("cb.symbol"));
-    t.set_tuple("t", inner);
-    t.set_stringbuffer("sb", sb);
-    t.set_list_bool("lbo", ListBool{false, true});
-    t.set_list_int("li", ListInt{128, -1});
-    t.set_list_long("ll", ListLong{-1});
-    t.set_list_float("lf", ListFloat{3.0f});
-    t.set_list_double("ld", ListDouble{-3.0});
-    t.set_list_astring("las", ListAString{"", "two"});
-    t.set_list_string("ls", ListString{String(units)});
-    t.set_list_stringbuffer("lsb", ListStringBuffer{sb, StringBuffer()});
-    t.set_list_time_period("ltp", ListTimePeriod{TimePeriod(std::int64_t{86400}, 1, false)});
-    t.set_list_time_date("ltd", ListTimeDate{TimeDate(1969, 12, 31, 0, 0, 0, 0, false)});
-    t.set_list_array_int("lai", ListArrayInt{ArrayInt{1, 2}});
-    t.set_list_array_long("lal", ListArrayLong{ArrayLong()});
-    t.set_list_array_float("laf", ListArrayFloat{ArrayFloat{-0.0f}});
-    t.set_list_array_double("lad", ListArrayDouble{ArrayDouble{2.5}});
-    t.set_list_blob("lb", ListBlob{Blob(), Blob("xyz", 3, 0)});
-    t.set_list_symbol("lss", ListSymbol{Symbol("cb.symbol"), Symbol("inner")});
-    t.set_list_tuple("lt", ListTuple{inner, Tuple()});
-    return t;
-}
-
-
 Tuple awkward_kinds() {
     using F = std::numeric_limits<float>;
     using D = std::numeric_limits<double>;
@@ -125,6 +81,19 @@ Tuple awkward_kinds() {
     t.set_list_tuple("lt.empty", ListTuple{});
     t.set_astring("", "unnamed");
     return t;
+}
+
+Tuple all_kinds() {
+    Tuple t = awkward_kinds();
+    t.set_class_name(Symbol("all.kinds"));
+    return t;
+}
+
+bool eventually(std::function<bool()> const& done, int seconds) {
+    auto const limit = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(1)))
+        if (std::chrono::steady_clock::now() > limit) return false;
+    return true;
 }
 
 void run_together(int n, std::function<void(int)> const& body) {

@@ -87,15 +87,16 @@ struct Tracked {
     ~Tracked() { --live; }
 };
 
-// One attribute of every kind, named by its code: values of several integer bytes, negative numbers, empty
-// and non-ASCII contents, repeated names (class "all.kinds").
-Tuple all_kinds();
-
 // One attribute of every kind with the awkward values of each, for the text and XML forms: markup,
 // quotes, white space and non-ASCII text (no other control characters, which XML drops) in its strings
 // and names, extreme and signed-zero and not-a-number floats, periods and dates at their limits, empty
 // lists, items and names (class "every kind").
 Tuple awkward_kinds();
+// awkward_kinds() under the class "all.kinds".
+Tuple all_kinds();
+
+// Polls until `done` holds, at most `seconds`; whether it did.
+bool eventually(std::function<bool()> const& done, int seconds = 10);
 
 // Runs body(t) on n threads (t = 0 .. n-1), released together so that they contend from the start, and
 // waits for all of them.
