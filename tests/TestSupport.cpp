@@ -21,6 +21,7 @@
 #include "tarvik/String.h"
 #include "tarvik/StringBuffer.h"
 #include "tarvik/Symbol.h"
+#include "tarvik/System.h"
 #include "tarvik/Time.h"
 #include "tarvik/Tuple.h"
 
@@ -178,6 +179,21 @@ int errors_in(std::string text, std::string const& message, std::string const& u
 
 std::string unique_name(char const* what) {
     return std::string("tvk-test.") + what + "." + std::to_string(::getpid());
+}
+
+std::vector<std::string> split(std::string const& text, std::string const& end) {
+    std::vector<std::string> out;
+    std::size_t from = 0;
+    for (std::size_t at; (at = text.find(end, from)) != std::string::npos; from = at + end.size())
+        out.push_back(text.substr(from, at - from));
+    if (from < text.size()) out.push_back(text.substr(from));
+    return out;
+}
+
+std::string thread_hex() {
+    char text[32];
+    std::snprintf(text, sizeof text, "%lx", get_current_thread_id());
+    return text;
 }
 
 std::string read_file(std::string const& path) {

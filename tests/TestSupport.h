@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "tarvik/AString.h"
 #include "tarvik/Time.h"
@@ -101,6 +102,12 @@ bool eventually(std::function<bool()> const& done, int seconds = 10);
 // Runs body(t) on n threads (t = 0 .. n-1), released together so that they contend from the start, and
 // waits for all of them.
 void run_together(int n, std::function<void(int)> const& body);
+
+// The pieces of `text` between occurrences of `end` (a last piece without `end` included).
+std::vector<std::string> split(std::string const& text, std::string const& end = "\n");
+
+// The current thread's id as log records print it (lower-case hexadecimal).
+std::string thread_hex();
 
 // The whole content of a file ("" when it cannot be read).
 std::string read_file(std::string const& path);
