@@ -18,10 +18,6 @@ using tarvik::SymbolEntry;
 using tarvik::test::run_together;
 using tarvik::test::str;
 
-namespace {
-
-}  // namespace
-
 TEST(Symbol, NewNamesAreNumberedDenselyInOrderOfFirstUse) {
     unsigned int before = Symbol::count();
     Symbol b("order.b");
