@@ -12,10 +12,9 @@
 using tarvik::AString;
 using tarvik::npos;
 
-namespace {
+using tarvik::test::str;
 
-// The exact bytes of a string, embedded NULs included.
-std::string bytes(AString const& s) { return std::string(s.c_str(), s.length()); }
+namespace {
 
 AString from(std::string const& b) { return AString(b.data(), static_cast<unsigned int>(b.size())); }
 
@@ -39,7 +38,7 @@ TEST(AString, CapacityIsTheLengthRoundedUpStrictlyToSixteenAndSetBufferKeepsCont
     EXPECT_EQ(t.capacity(), 32u);
     t.size(3);
     t.size(33);  // beyond the capacity: ignored
-    EXPECT_EQ(bytes(t), "abc");
+    EXPECT_EQ(str(t), "abc");
 }
 
 TEST(AString, AppendingOneByOneReallocatesAtLengthsOneSeventeenAndThirtyThree) {
@@ -87,42 +86,33 @@ TEST(AString, CompareReturnsLengthDifferenceForAPrefixTreatsBytesAsSignedAndIcom
 }
 
 TEST(AString, SearchesFindPositionsAndNposFromAtOrBeyondTheEnd) {
+    using Found = std::vector<unsigned int>;
     AString s("abcabc");
-    EXPECT_EQ(s.find("bc"), 1u);
-    EXPECT_EQ(s.find(AString("bc"), 2), 4u);
-    EXPECT_EQ(s.find("bcd"), npos);
-    EXPECT_EQ(s.rfind("bc"), 4u);
-    EXPECT_EQ(s.rfind("bc", 3), 1u);
-    EXPECT_EQ(s.rfind('a'), 3u);
-    EXPECT_EQ(s.rfind('a', 2), 0u);
-    EXPECT_EQ(s.find_first_of("cb", 3), 4u);
-    EXPECT_EQ(s.find_first_not_of("ab"), 2u);
-    EXPECT_EQ(s.find_first_not_of("abc"), npos);
-    EXPECT_EQ(s.find_last_of("ab", 2), 1u);
-    EXPECT_EQ(s.find_last_not_of('c'), 4u);
-    EXPECT_EQ(s.find_last_not_of("c", 2), 1u);
-    for (unsigned int start : {6u, 10u}) {
-        EXPECT_EQ(s.find('a', start), npos);
-        EXPECT_EQ(s.rfind("a", start), npos);
-        EXPECT_EQ(s.find_first_not_of("x", start), npos);
-        EXPECT_EQ(s.find_last_of("abc", start), npos);
-    }
-    EXPECT_EQ(AString().rfind('a'), npos);
+    EXPECT_EQ((Found{s.find("bc"), s.find(AString("bc"), 2), s.find("bcd"), s.rfind("bc"), s.rfind("bc", 3),
+                     s.rfind('a'), s.rfind('a', 2), s.find_first_of("cb", 3), s.find_first_not_of("ab"),
+                     s.find_first_not_of("abc"), s.find_last_of("ab", 2), s.find_last_not_of('c'),
+                     s.find_last_not_of("c", 2), AString().rfind('a')}),
+              (Found{1, 4, npos, 4, 1, 3, 0, 4, 2, npos, 1, 4, 1, npos}));
+    for (unsigned int start : {6u, 10u})
+        EXPECT_EQ((Found{s.find('a', start), s.rfind("a", start), s.find_first_not_of("x", start),
+                         s.find_last_of("abc", start)}),
+                  Found(4, npos))
+            << start;
 }
 
 TEST(AString, PositionsAndCountsBeyondTheEndAreClamped) {
     AString s("hello");
-    EXPECT_EQ(bytes(s.substr(1, 100)), "ello");
+    EXPECT_EQ(str(s.substr(1, 100)), "ello");
     EXPECT_TRUE(s.substr(6, 2).is_empty());
-    EXPECT_EQ(bytes(AString(s).erase(10)), "hello");
-    EXPECT_EQ(bytes(AString(s).erase(1, 100)), "h");
+    EXPECT_EQ(str(AString(s).erase(10)), "hello");
+    EXPECT_EQ(str(AString(s).erase(1, 100)), "h");
     EXPECT_EQ(AString(s).Delete(0), 4u);
-    EXPECT_EQ(bytes(AString(s).replace(1, 100, "XY")), "hXY");
-    EXPECT_EQ(bytes(AString(s).replace(9, 1, "X")), "hello");
-    EXPECT_EQ(bytes(AString(s).replace(1, 3, 2u, '-')), "h--o");
-    EXPECT_EQ(bytes(AString(s).insert(5, "!")), "hello!");
-    EXPECT_EQ(bytes(AString(s).insert(6, "!")), "hello");
-    EXPECT_EQ(bytes(AString("x").append(s, 3, npos)), "xlo");
+    EXPECT_EQ(str(AString(s).replace(1, 100, "XY")), "hXY");
+    EXPECT_EQ(str(AString(s).replace(9, 1, "X")), "hello");
+    EXPECT_EQ(str(AString(s).replace(1, 3, 2u, '-')), "h--o");
+    EXPECT_EQ(str(AString(s).insert(5, "!")), "hello!");
+    EXPECT_EQ(str(AString(s).insert(6, "!")), "hello");
+    EXPECT_EQ(str(AString("x").append(s, 3, npos)), "xlo");
     char buf[8] = "-------";
     EXPECT_EQ(s.copy(buf, 10, 3), 2u);
     EXPECT_EQ(std::string(buf), "lo-----");
@@ -132,33 +122,33 @@ TEST(AString, PositionsAndCountsBeyondTheEndAreClamped) {
 TEST(AString, EditsTakingTheirOwnTextAreSafe) {
     AString s("0123456789");
     s.append(s);  // grows past the capacity while reading itself
-    EXPECT_EQ(bytes(s), "01234567890123456789");
+    EXPECT_EQ(str(s), "01234567890123456789");
     s = "abc";
     s.insert(1, s);
-    EXPECT_EQ(bytes(s), "aabcbc");
+    EXPECT_EQ(str(s), "aabcbc");
     s = "0123456789";
     s.replace(0, 2, s, 5, 5);
-    EXPECT_EQ(bytes(s), "5678923456789");
+    EXPECT_EQ(str(s), "5678923456789");
     s.assign(s, 2, 3);
-    EXPECT_EQ(bytes(s), "789");
+    EXPECT_EQ(str(s), "789");
     s.append(s.c_str() + 1);
-    EXPECT_EQ(bytes(s), "78989");
+    EXPECT_EQ(str(s), "78989");
 }
 
 TEST(AString, ReplaceAllCountsHitsIgnoresCaseOnRequestAndNeverRescans) {
-    AString s("aXa xa");
-    EXPECT_EQ(s.Replace("xa", "y", true), 1);
-    EXPECT_EQ(bytes(s), "aXa y");
-    s = "aXa xa";
-    EXPECT_EQ(s.Replace("xa", "y", false), 2);
-    EXPECT_EQ(bytes(s), "ay y");
-    s = "aaa";
-    EXPECT_EQ(s.Replace("a", "aa"), 3);
-    EXPECT_EQ(bytes(s), "aaaaaa");
-    s = "abc";
-    EXPECT_EQ(s.Replace("", "x"), 0);
-    EXPECT_EQ(s.Replace("abcd", "x"), 0);
-    EXPECT_EQ(bytes(s), "abc");
+    struct {
+        char const *text, *from, *to;
+        bool case_sensitive;
+        int hits;
+        char const* result;
+    } const cases[] = {{"aXa xa", "xa", "y", true, 1, "aXa y"}, {"aXa xa", "xa", "y", false, 2, "ay y"},
+                       {"aaa", "a", "aa", true, 3, "aaaaaa"},   {"abc", "", "x", true, 0, "abc"},
+                       {"abc", "abcd", "x", true, 0, "abc"}};
+    for (auto const& c : cases) {
+        AString s(c.text);
+        EXPECT_EQ(s.Replace(c.from, c.to, c.case_sensitive), c.hits) << c.text << " " << c.from;
+        EXPECT_EQ(str(s), c.result) << c.text << " " << c.from;
+    }
 }
 
 TEST(AString, WriteXmlEscapesFiveCharactersAndDropsControlsButWhiteSpace) {
@@ -169,16 +159,16 @@ TEST(AString, WriteXmlEscapesFiveCharactersAndDropsControlsButWhiteSpace) {
         EXPECT_EQ(text.write_xml(stream), 0);
         EXPECT_EQ(tarvik::write_xml(AString("&"), stream), 0);
     }
-    EXPECT_EQ(bytes(out), "a&lt;b&gt;&amp;&apos;&quot;\t\n\r\v\f\xE9z!&amp;");
+    EXPECT_EQ(str(out), "a&lt;b&gt;&amp;&apos;&quot;\t\n\r\v\f\xE9z!&amp;");
 }
 
 TEST(AString, WideTextConvertsToUtf8KeepingTheTerminatorOrGivesEmptyWithARecord) {
     AString ab(L"ab");
     EXPECT_EQ(ab.length(), 3u);
-    EXPECT_EQ(bytes(ab), std::string("ab\0", 3));
+    EXPECT_EQ(str(ab), std::string("ab\0", 3));
     EXPECT_NE(ab, AString("ab"));
-    EXPECT_EQ(bytes(AString(L"\u00e9\U0001F600")), std::string("\xC3\xA9\xF0\x9F\x98\x80\0", 7));
-    EXPECT_EQ(bytes(AString(u"a\U0001F600")), std::string("a\xF0\x9F\x98\x80\0", 6));
+    EXPECT_EQ(str(AString(L"\u00e9\U0001F600")), std::string("\xC3\xA9\xF0\x9F\x98\x80\0", 7));
+    EXPECT_EQ(str(AString(u"a\U0001F600")), std::string("a\xF0\x9F\x98\x80\0", 6));
     EXPECT_TRUE(AString(static_cast<wchar_t const*>(nullptr)).is_empty());
 
     wchar_t const lone[] = {L'a', static_cast<wchar_t>(0xD800), 0};
@@ -195,21 +185,21 @@ TEST(AString, WideTextConvertsToUtf8KeepingTheTerminatorOrGivesEmptyWithARecord)
 TEST(AString, DecodeFromUtf8FoldsCodePointsIntoBytesAndTextRoundTripsThroughWideTextOrFails) {
     AString out("previous");
     tarvik::DecodeFromUTF8(AString("A\xC3\xA9\xE2\x82\xAC"), out);
-    EXPECT_EQ(bytes(out), "A\xE9\xAC");
+    EXPECT_EQ(str(out), "A\xE9\xAC");
     // U+20041 is 2 * 65535 + 67: two characters, 2 and 'C'.
     tarvik::DecodeFromUTF8(AString("\xF0\xA0\x81\x81"), out);
-    EXPECT_EQ(bytes(out), (std::string{'\x02', 'C'}));
+    EXPECT_EQ(str(out), (std::string{'\x02', 'C'}));
     // U+200000 (five bytes) is 32 * 65535 + 32.
     tarvik::DecodeFromUTF8(AString("\xF8\x88\x80\x80\x80"), out);
-    EXPECT_EQ(bytes(out), "  ");
+    EXPECT_EQ(str(out), "  ");
     tarvik::DecodeFromUTF8(AString("\x80x\xFF"), out);
-    EXPECT_EQ(bytes(out), "\x80x\xFF");
+    EXPECT_EQ(str(out), "\x80x\xFF");
     tarvik::DecodeFromUTF8(AString("ab\xE2\x82"), out);
-    EXPECT_EQ(bytes(out), "ab");
+    EXPECT_EQ(str(out), "ab");
 
     // Plain text goes through wide text, which keeps the terminator and fails on invalid UTF-8.
     tarvik::DecodeFromUTF8("h\xC3\xA9", out);
-    EXPECT_EQ(bytes(out), std::string("h\xC3\xA9\0", 4));
+    EXPECT_EQ(str(out), std::string("h\xC3\xA9\0", 4));
     tarvik::test::StdoutCapture capture;
     tarvik::DecodeFromUTF8("bad\xFF", out);
     EXPECT_TRUE(out.is_empty());
@@ -219,25 +209,25 @@ TEST(AString, DecodeFromUtf8FoldsCodePointsIntoBytesAndTextRoundTripsThroughWide
 TEST(AString, MatchCapturesStarsLazilyExceptTheLast) {
     AString a, b;
     EXPECT_TRUE(AString("key=a,b,c").match("key=*,*", &a, &b));
-    EXPECT_EQ(bytes(a), "a");
-    EXPECT_EQ(bytes(b), "b,c");
+    EXPECT_EQ(str(a), "a");
+    EXPECT_EQ(str(b), "b,c");
     EXPECT_TRUE(AString("aab").match("*ab", &a));
-    EXPECT_EQ(bytes(a), "a");
+    EXPECT_EQ(str(a), "a");
     EXPECT_TRUE(AString("ab").match("**", &a, &b));
-    EXPECT_EQ(bytes(a), "");
-    EXPECT_EQ(bytes(b), "ab");
+    EXPECT_EQ(str(a), "");
+    EXPECT_EQ(str(b), "ab");
     EXPECT_TRUE(AString("x=1").match("*=*", nullptr, &b));
-    EXPECT_EQ(bytes(b), "1");
+    EXPECT_EQ(str(b), "1");
 
     AString out[9];
     EXPECT_TRUE(AString("1-2-3-4-5-6-7-8-9-10").match("*-*-*-*-*-*-*-*-*-*", &out[0], &out[1], &out[2], &out[3],
                                                       &out[4], &out[5], &out[6], &out[7], &out[8]));
-    EXPECT_EQ(bytes(out[0]), "1");
-    EXPECT_EQ(bytes(out[8]), "9");
+    EXPECT_EQ(str(out[0]), "1");
+    EXPECT_EQ(str(out[8]), "9");
 
     a = "keep";  // a failed match leaves the outputs untouched
     EXPECT_FALSE(AString("key=a").match("key=*,*", &a, &b));
-    EXPECT_EQ(bytes(a), "keep");
+    EXPECT_EQ(str(a), "keep");
 }
 
 TEST(AString, MatchElementsQuestionMarkSetsAndEscapes) {
@@ -257,10 +247,10 @@ TEST(AString, MatchElementsQuestionMarkSetsAndEscapes) {
 TEST(AString, FormatReplacesContentAndMayReadItsOwnText) {
     AString s("old");
     EXPECT_EQ(&s.Format("%s=%04d", "x", 7), &s);
-    EXPECT_EQ(bytes(s), "x=0007");
+    EXPECT_EQ(str(s), "x=0007");
     s = "0123456789";
     s.Format("[%s]%s", s.c_str(), s.c_str());
-    EXPECT_EQ(bytes(s), "[0123456789]0123456789");
+    EXPECT_EQ(str(s), "[0123456789]0123456789");
     s.Format("%s", "");
     EXPECT_TRUE(s.is_empty());
 }
@@ -275,8 +265,8 @@ TEST(AString, IndexOutOfRangeReadsNulAndWritesNowhere) {
     s[-2LL] = 'y';
     s.put_at(3, 'z');
     s.put_at(1, 'B');
-    EXPECT_EQ(bytes(s), "aBc");
-    EXPECT_EQ(bytes('<' + s + ">" + AString("!")), "<aBc>!");
+    EXPECT_EQ(str(s), "aBc");
+    EXPECT_EQ(str('<' + s + ">" + AString("!")), "<aBc>!");
 }
 
 // String blocks are recycled per thread: blocks made on one thread and freed on another, and freed on a

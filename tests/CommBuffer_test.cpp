@@ -9,7 +9,6 @@
 #include <memory>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,29 +26,12 @@
 using namespace tarvik;
 using namespace std::string_literals;
 using tarvik::test::all_kinds;
+using tarvik::test::errors_in;
+using tarvik::test::printed;
 using tarvik::test::StdoutCapture;
 using tarvik::test::TempDir;
 
 namespace {
-
-// Runs `step` with standard output (where log records go) captured; what it printed.
-template <class F>
-std::string printed(F step) {
-    StdoutCapture capture;
-    step();
-    return capture.text();
-}
-
-// How many ERR records in `text` end with exactly this message (wrapped records joined first).
-int logged(std::string text, std::string const& message) {
-    std::string const wrap = "\n" + std::string(16, ' ');
-    for (std::size_t at; (at = text.find(wrap)) != std::string::npos;) text.erase(at, wrap.size());
-    std::istringstream lines(text);
-    int n = 0;
-    for (std::string line; std::getline(lines, line);)
-        n += line.find("\tERR|TVK|") != std::string::npos && line.ends_with("||" + message);
-    return n;
-}
 
 // The value bytes of a buffer, from its first page on.
 std::string values(CommBuffer const& b) {
@@ -276,8 +258,8 @@ TEST(CommBuffer, AllocateAndAddSizeFillPagesInPlace) {
     std::vector<unsigned int> sizes;
     std::string out = printed([&] { sizes = {b.add_size(18), CommBuffer().add_size(1)}; });
     EXPECT_EQ(sizes, (std::vector<unsigned int>{5, 0}));
-    EXPECT_EQ(logged(out, "WRONG ADD SIZE 18 [5/22]"), 1);
-    EXPECT_EQ(logged(out, "WRONG ADD SIZE 1 [0/0]"), 1);
+    EXPECT_EQ(errors_in(out, "WRONG ADD SIZE 18 [5/22]"), 1);
+    EXPECT_EQ(errors_in(out, "WRONG ADD SIZE 1 [0/0]"), 1);
     EXPECT_EQ(b.add_size(17), 22u);
     b.allocate(room);
     EXPECT_EQ(room, 22u);
@@ -323,7 +305,7 @@ TEST(CommBuffer, BadPageHeaderIsRefusedInPlaceAndFromAStream) {
         EXPECT_FALSE(ok) << header;
         EXPECT_EQ(b.get_last()->used, 0u);  // the page is dropped
         EXPECT_EQ(b.size(), 0u);
-        EXPECT_EQ(logged(out, record), 1);
+        EXPECT_EQ(errors_in(out, record), 1);
     }
     for (std::string const& bytes : {"TVX01/xxxx1/00000017/\x05\x80"s, "TVK01/xxxx1/0000001z/\x05\x80"s,
                                      "TVK01/xxxx1/00000014/\x05\x80"s,
@@ -332,7 +314,7 @@ TEST(CommBuffer, BadPageHeaderIsRefusedInPlaceAndFromAStream) {
         long r = 0;
         std::string out = printed([&] { r = receive(bytes, b); });
         EXPECT_EQ(r, -1) << bytes;
-        EXPECT_EQ(logged(out, record), 1) << bytes;
+        EXPECT_EQ(errors_in(out, record), 1) << bytes;
     }
 }
 
@@ -373,7 +355,7 @@ TEST(CommBuffer, ValueFormsHaveTheirExactBytes) {
     std::string out = printed([&] { sizes = {b.read(flag), b.read(f), b.read(d)}; });
     EXPECT_EQ(sizes, (std::vector<long>{0, -1, -1}));
     EXPECT_TRUE(flag);
-    EXPECT_EQ(logged(out, "CommBuffer::read: corrupted! (invalid length 4, 0 bytes left)"), 1);
+    EXPECT_EQ(errors_in(out, "CommBuffer::read: corrupted! (invalid length 4, 0 bytes left)"), 1);
     EXPECT_EQ(out.find("invalid length 1,"), std::string::npos) << out;
 }
 
@@ -574,8 +556,8 @@ TEST(CommBuffer, FilesThatCannotBeOpenedAreReported) {
         r = {b.read_file(Path(missing.c_str())), b.write_file(Path(dir.path().c_str()))};  // a directory
     });
     EXPECT_EQ(r, std::vector<long>(2, -1));
-    EXPECT_EQ(logged(out, "CANNOT OPEN INPUT FILE '" + missing + "'"), 1);
-    EXPECT_EQ(logged(out, "CANNOT OPEN OUTPUT FILE '" + dir.path() + "'"), 1);
+    EXPECT_EQ(errors_in(out, "CANNOT OPEN INPUT FILE '" + missing + "'"), 1);
+    EXPECT_EQ(errors_in(out, "CANNOT OPEN OUTPUT FILE '" + dir.path() + "'"), 1);
 }
 
 TEST(CommBuffer, StreamCarriesBuffersBackToBack) {
@@ -677,7 +659,7 @@ TEST(CommBuffer, DictionaryPositionOutOfRangeIsRefused) {
     });
     EXPECT_EQ(r, (std::vector<long>{3, 3, -1}));
     EXPECT_EQ(name, "b");
-    EXPECT_EQ(logged(out, "CommBuffer::read_using_dictionary: corrupted! (invalid pos -3)"), 1);
+    EXPECT_EQ(errors_in(out, "CommBuffer::read_using_dictionary: corrupted! (invalid pos -3)"), 1);
 }
 
 TEST(CommBuffer, LengthBeyondRemainingBytesIsRefused) {
@@ -694,10 +676,10 @@ TEST(CommBuffer, LengthBeyondRemainingBytesIsRefused) {
              raw(bytes).read(sb), raw(bytes).read(list), raw(bytes).read(ints)};
     });
     EXPECT_EQ(r, std::vector<long>(6, -1));
-    EXPECT_EQ(logged(out, "CommBuffer::read: corrupted! (invalid length 1000, 2 bytes left)"), 6);
+    EXPECT_EQ(errors_in(out, "CommBuffer::read: corrupted! (invalid length 1000, 2 bytes left)"), 6);
     out = printed([&] { r = {raw(unhex("7f 7f 7f 7f 7f 7f 7f 7f 7f 81")).read(bl)}; });
     EXPECT_EQ(r, std::vector<long>{-1});
-    EXPECT_EQ(logged(out, "CommBuffer::read: corrupted! (invalid length 18446744073709551615, 0 bytes left)"),
+    EXPECT_EQ(errors_in(out, "CommBuffer::read: corrupted! (invalid length 18446744073709551615, 0 bytes left)"),
               1);
     Symbol name("untouched");
     CommBuffer b = raw(unhex("7f 80 61 62"));  // a name of 127 bytes, then two bytes
@@ -705,7 +687,7 @@ TEST(CommBuffer, LengthBeyondRemainingBytesIsRefused) {
     EXPECT_EQ(r, std::vector<long>{-1});
     EXPECT_EQ(name, Symbol("untouched"));
     EXPECT_EQ(b.dictionary_size(), 0u);
-    EXPECT_EQ(logged(out, "CommBuffer::read_using_dictionary: corrupted! (invalid size 127)"), 1);
+    EXPECT_EQ(errors_in(out, "CommBuffer::read_using_dictionary: corrupted! (invalid size 127)"), 1);
 }
 
 TEST(CommBuffer, UnknownTypeCodeInTupleIsRefused) {
@@ -717,7 +699,7 @@ TEST(CommBuffer, UnknownTypeCodeInTupleIsRefused) {
     EXPECT_EQ(r, -1);
     EXPECT_EQ(t.get_class_name(), Symbol("c"));
     EXPECT_EQ(t.get_int("x", 0), 5);  // what came before stays
-    EXPECT_EQ(logged(out, "READ 33 INVALID TYPE IN COMM BUFFER"), 1);
+    EXPECT_EQ(errors_in(out, "READ 33 INVALID TYPE IN COMM BUFFER"), 1);
 }
 
 TEST(CommBuffer, NestingDeeperThanTheLimitIsRefused) {
@@ -730,5 +712,5 @@ TEST(CommBuffer, NestingDeeperThanTheLimitIsRefused) {
     EXPECT_LT(r[0], 0);
     EXPECT_GT(r[1], 0);  // the failed read left no depth behind
     EXPECT_EQ(back, nested(CommBuffer::kMaxDepth));
-    EXPECT_EQ(logged(out, "CommBuffer::read: corrupted! (nesting deeper than 128)"), 1);
+    EXPECT_EQ(errors_in(out, "CommBuffer::read: corrupted! (nesting deeper than 128)"), 1);
 }

@@ -248,8 +248,7 @@ TEST(Directory, MonitorCallsTheHandlerOnItsOwnThreadUntilStopped) {
         std::lock_guard<std::mutex> hold(lock);
         return seen == std::vector<std::string>{"created:one", "changed:one"};
     };
-    for (int i = 0; i < 2000 && !done(); ++i) std::this_thread::sleep_for(10ms);
-    EXPECT_TRUE(done());
+    EXPECT_TRUE(tarvik::test::eventually(done, 20));
     monitor.stop();
     EXPECT_FALSE(monitor.is_running());
     EXPECT_NE(handler_thread, std::this_thread::get_id());

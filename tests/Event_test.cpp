@@ -23,16 +23,10 @@ using tarvik::Event;
 using tarvik::TimePeriod;
 using tarvik::test::StdoutCapture;
 using namespace std::chrono_literals;
+using tarvik::test::ms;
+using tarvik::test::unique_name;
 
 namespace {
-
-TimePeriod ms(long n) {
-    return TimePeriod(0, n, true);
-}
-
-std::string unique_name(char const* what) {
-    return std::string("tvk-test/") + what + "." + std::to_string(::getpid());
-}
 
 double seconds_since(std::chrono::steady_clock::time_point t0) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();

@@ -26,8 +26,7 @@ bool exists(std::string const& path) {
 }
 
 bool appears(std::string const& path) {
-    for (int i = 0; i < 4000 && !exists(path); ++i) std::this_thread::sleep_for(5ms);
-    return exists(path);
+    return tarvik::test::eventually([&] { return exists(path); }, 20);
 }
 
 // Runs wait_lock() on another thread. When it has not returned within two seconds it is reported and

@@ -15,10 +15,6 @@ using namespace tarvik::test;
 
 namespace {
 
-std::string str(AString const& s) {
-    return std::string(s.c_str(), s.length());
-}
-
 // Writes `text` through a file stream opened with the given modes, then closes it.
 void write_through(std::string const& path, bool append, bool text_mode, char const* text) {
     OBStream out(Path(path.c_str()), append, text_mode);

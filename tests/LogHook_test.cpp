@@ -29,6 +29,7 @@ using namespace tarvik;
 using tarvik::test::StdoutCapture;
 using tarvik::test::TempDir;
 using tarvik::test::run_together;
+using tarvik::test::split;
 
 namespace {
 
@@ -39,15 +40,6 @@ std::vector<std::string> log_files(std::string const& dir) {
     for (auto const& e : std::filesystem::directory_iterator(dir, ec))
         if (e.path().extension() == ".log") out.push_back(e.path().filename().string());
     std::sort(out.begin(), out.end());
-    return out;
-}
-
-std::vector<std::string> split(std::string const& text, std::string const& end) {
-    std::vector<std::string> out;
-    std::size_t from = 0;
-    for (std::size_t at; (at = text.find(end, from)) != std::string::npos; from = at + end.size())
-        out.push_back(text.substr(from, at - from));
-    if (from < text.size()) out.push_back(text.substr(from));
     return out;
 }
 
@@ -268,8 +260,7 @@ TEST(FileHook, WritesCrLfLinesToAFileNamedAfterProgramAndOpeningTime) {
     EXPECT_GE(m[1].str(), before.to_string("%Y%m%dh%H%M%S").c_str());
     EXPECT_LE(m[1].str(), after.to_string("%Y%m%dh%H%M%S").c_str());
 
-    char thread[32];
-    std::snprintf(thread, sizeof thread, "%lx", get_current_thread_id());
+    std::string const thread = tarvik::test::thread_hex();
     std::string const text = tarvik::test::read_file(dir.file(files[0].c_str()));
     std::regex const shape(std::string("[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}\tINFO\\|MOD\\|UNIT\\|12\\|") + thread +
                            "\\|\\|FIRST x\r\n[0-9:.]{12}\tERR\\|\\|\\|0\\|" + thread + "\\|\\|SECOND\r\n {16}LINE\r\n");

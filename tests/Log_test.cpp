@@ -23,21 +23,10 @@
 
 using namespace tarvik;
 using tarvik::test::StdoutCapture;
+using tarvik::test::split;
+using tarvik::test::thread_hex;
 
 namespace {
-
-std::string thread_hex() {
-    char text[32];
-    std::snprintf(text, sizeof text, "%lx", get_current_thread_id());
-    return text;
-}
-
-std::vector<std::string> lines_of(std::string const& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) out.push_back(line);
-    return out;
-}
 
 // What a printed line holds after the thread and the empty context: the message (without the line end).
 std::string message_of(std::string const& printed) {
@@ -90,7 +79,7 @@ TEST(Log, AbsentFieldsPrintEmptyAndUnknownLevelsPrintQuestionMarks) {
     Log("PLAIN", LEVEL_WARN);
     Log("NULLS", LEVEL_DEBUG, nullptr, "UNIT", 0);
     Log("ODD", static_cast<LOG_LEVEL>(9), "M", nullptr, -3);
-    auto lines = lines_of(capture.text());
+    auto lines = split(capture.text());
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[0].substr(12), "\tWARN|||0|" + thread_hex() + "||PLAIN");
     EXPECT_EQ(lines[1].substr(12), "\tDEBUG||UNIT|0|" + thread_hex() + "||NULLS");
@@ -104,13 +93,10 @@ TEST(Log, PlaceholdersAreFilledByArgumentPosition) {
     Log("ONLY %0:", LEVEL_LOG) << 1 << "two" << 3;  // the rest follow the text
     Log("ARG %0 %1", LEVEL_LOG) << "%1" << "x";      // argument texts are not expanded again
     Log(nullptr, LEVEL_LOG) << "alone";
-    auto lines = lines_of(capture.text());
-    ASSERT_EQ(lines.size(), 5u);
-    EXPECT_EQ(message_of(lines[0]), "second BEFORE first");
-    EXPECT_EQ(message_of(lines[1]), "RATE 100% OF %1 %{3}");
-    EXPECT_EQ(message_of(lines[2]), "ONLY 1:two3");
-    EXPECT_EQ(message_of(lines[3]), "ARG %1 x");
-    EXPECT_EQ(message_of(lines[4]), "alone");
+    std::vector<std::string> messages;
+    for (std::string const& line : split(capture.text())) messages.push_back(message_of(line));
+    EXPECT_EQ(messages, (std::vector<std::string>{"second BEFORE first", "RATE 100% OF %1 %{3}", "ONLY 1:two3",
+                                                  "ARG %1 x", "alone"}));
 }
 
 TEST(Log, EachInsertionAddsExactlyOneArgument) {
@@ -150,7 +136,7 @@ TEST(Log, MessageIndentsContinuationLinesAndDoublesBackslashes) {
     StdoutCapture capture;
     Log("FIRST\nSECOND %0", LEVEL_INFO) << "arg\nline";
     Log("C:\\dir\\%0", LEVEL_INFO) << "f\\g";
-    auto lines = lines_of(capture.text());
+    auto lines = split(capture.text());
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(message_of(lines[0]), "FIRST");
     EXPECT_EQ(lines[1], std::string(16, ' ') + "SECOND arg");
@@ -162,7 +148,7 @@ TEST(Log, LongMessagesWrapAtColumn130) {
     std::string key(300, 'x');
     StdoutCapture capture;
     Log(key.c_str(), LEVEL_INFO, "TVK", "LOG", 7);
-    auto lines = lines_of(capture.text());
+    auto lines = split(capture.text());
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(16 + lines[0].size() - lines[0].find('\t') - 1, 130u);  // the tab reaches column 16
     // Continuation lines start at column 15 after the indent, so a full one holds 131 characters.
@@ -175,15 +161,11 @@ TEST(Log, RecordsFromSeveralThreadsNeverInterleave) {
     constexpr int kThreads = 4;
     constexpr int kRecords = 250;
     StdoutCapture capture;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < kRecords; ++i)
-                Log("WORKER %0 RECORD %1 OF %2", LEVEL_LOG, "TVK", "TEST", 1) << t << i << kRecords;
-        });
-    }
-    for (auto& th : threads) th.join();
-    auto lines = lines_of(capture.text());
+    tarvik::test::run_together(kThreads, [&](int t) {
+        for (int i = 0; i < kRecords; ++i)
+            Log("WORKER %0 RECORD %1 OF %2", LEVEL_LOG, "TVK", "TEST", 1) << t << i << kRecords;
+    });
+    auto lines = split(capture.text());
     ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kRecords));
     std::regex const shape("[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}\tLOG\\|TVK\\|TEST\\|1\\|[0-9a-f]+\\|\\|"
                            "WORKER ([0-3]) RECORD ([0-9]+) OF 250");

@@ -19,16 +19,10 @@ using tarvik::Mutex;
 using tarvik::TimePeriod;
 using namespace std::chrono_literals;
 using tarvik::test::run_together;
+using tarvik::test::ms;
+using tarvik::test::unique_name;
 
 namespace {
-
-TimePeriod ms(long n) {
-    return TimePeriod(0, n, true);
-}
-
-std::string unique_name(char const* what) {
-    return std::string("tvk-test.") + what + "." + std::to_string(::getpid());
-}
 
 // Whether another thread can take the mutex now (it unlocks again at once when it could).
 bool free_for_other_thread(Mutex& m) {

@@ -11,20 +11,9 @@
 
 using namespace tarvik;
 using tarvik::test::StdoutCapture;
+using tarvik::test::str;
 
 namespace {
-
-std::string str(AString const& s) {
-    return std::string(s.c_str(), s.length());
-}
-
-// How many log records end with exactly this message.
-int logged(StdoutCapture& capture, std::string const& message) {
-    std::istringstream lines(capture.text());
-    int n = 0;
-    for (std::string line; std::getline(lines, line);) n += line.ends_with("||" + message);
-    return n;
-}
 
 // The XML events of a text, one a line ("<name a=v ...>depth", "</name>", "'text'"), then "done" or
 // "error: ...".
@@ -65,7 +54,7 @@ void expect_errors(std::string (*events)(char const*), char const* kind, std::ve
         std::string got = events(d.text.c_str());
         EXPECT_TRUE(got.ends_with("error: " + std::string(d.what))) << d.text << "\n" << got;
         std::string at = " AT LINE " + std::to_string(d.line) + " COLUMN " + std::to_string(d.column);
-        EXPECT_EQ(logged(capture, kind + (": " + std::string(d.what)) + at), 1) << d.text << "\n"
+        EXPECT_EQ(capture.errors(kind + (": " + std::string(d.what)) + at), 1) << d.text << "\n"
                                                                                 << capture.text();
     }
 }
@@ -109,7 +98,7 @@ TEST(XmlParser, FailFromOutsideLogsOnceWithThePosition) {
     EXPECT_EQ(parser.fail("AGAIN"), XmlParser::kError);
     EXPECT_EQ(str(parser.error()), "WRONG ELEMENT");
     EXPECT_EQ(parser.next(), XmlParser::kError);
-    EXPECT_EQ(logged(capture, "XML: WRONG ELEMENT AT LINE 2 COLUMN 4"), 1) << capture.text();
+    EXPECT_EQ(capture.errors("XML: WRONG ELEMENT AT LINE 2 COLUMN 4"), 1) << capture.text();
 }
 
 TEST(XmlParserDamage, EachMalformedTextFailsWithItsErrorAndPosition) {

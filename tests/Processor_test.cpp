@@ -32,10 +32,7 @@ struct Blocker : Action {
         started.fetch_add(1);
         while (!gone.load() && !is_to_stop()) std::this_thread::sleep_for(1ms);
     }
-    bool wait_started() {
-        for (int i = 0; i < 10000 && started.load() == 0; ++i) std::this_thread::sleep_for(1ms);
-        return started.load() > 0;
-    }
+    bool wait_started() { return tarvik::test::eventually([this] { return started.load() > 0; }); }
 };
 
 }  // namespace

@@ -18,14 +18,11 @@
 
 using namespace tarvik;
 using tarvik::test::StdoutCapture;
+using tarvik::test::unique_name;
 
 namespace {
 
 constexpr unsigned int kSize = 4096;
-
-std::string unique_name(char const* what) {
-    return "t" + std::to_string(::getpid()) + "-" + what;
-}
 
 bool named(std::string const& name) {
     return ::access(("/dev/shm/tvk.shm." + name).c_str(), F_OK) == 0;

@@ -13,11 +13,11 @@ using tarvik::AString;
 using tarvik::npos;
 using tarvik::RawString;
 using tarvik::String;
+using tarvik::test::str;
 
 namespace {
 
 std::u16string units(String const& s) { return std::u16string(s.c_str(), s.length()); }
-std::string bytes(AString const& s) { return std::string(s.c_str(), s.length()); }
 
 // The default allocator with every block counted; release() must never see the shared empty block.
 class CountingAllocator : public tarvik::StringAllocator {
@@ -93,12 +93,12 @@ TEST(String, AGivenAllocatorServesEveryBlockAndCopiesKeepItWhileOthersShareTheDe
 TEST(String, EncodeToUtf8WritesEachUnitOnItsOwnAndDecodingMakesSurrogatePairs) {
     AString out("previous");
     tarvik::EncodeToUTF8(String(u"A\u00e9\u20ac"), out);
-    EXPECT_EQ(bytes(out), "A\xC3\xA9\xE2\x82\xAC");
+    EXPECT_EQ(str(out), "A\xC3\xA9\xE2\x82\xAC");
     tarvik::EncodeToUTF8(u"\u007f\u0080\u07ff\u0800\uffff", out);
-    EXPECT_EQ(bytes(out), "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF");
+    EXPECT_EQ(str(out), "\x7F\xC2\x80\xDF\xBF\xE0\xA0\x80\xEF\xBF\xBF");
     // U+1F600 arrives as UTF-32 and becomes the pair D83D DE00, each unit encoded as three bytes.
     tarvik::EncodeToUTF8(L"\U0001F600", out);
-    EXPECT_EQ(bytes(out), "\xED\xA0\xBD\xED\xB8\x80");
+    EXPECT_EQ(str(out), "\xED\xA0\xBD\xED\xB8\x80");
 
     String text(u"previous");
     tarvik::DecodeFromUTF8(AString("A\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"), text);
@@ -144,12 +144,12 @@ TEST(String, CodePointsAtTheUtf16BoundariesConvertTheSameWayInEveryConversion) {
         EXPECT_EQ(units(text), row.units);
         AString out("previous");
         tarvik::EncodeToUTF8(text, out);
-        EXPECT_EQ(bytes(out), row.reencoded);
+        EXPECT_EQ(str(out), row.reencoded);
         tarvik::DecodeFromUTF8(AString(row.utf8), out);
-        EXPECT_EQ(bytes(out), row.folded);
+        EXPECT_EQ(str(out), row.folded);
         tarvik::test::StdoutCapture capture;
         tarvik::DecodeFromUTF8(row.utf8, out);
-        EXPECT_EQ(bytes(out), row.strict);
+        EXPECT_EQ(str(out), row.strict);
         EXPECT_EQ(capture.lines_with("|cannot convert String to AString: err=84"), row.strict.empty() ? 1 : 0);
     }
 }
@@ -161,7 +161,7 @@ TEST(String, WriteXmlEscapesAndWritesUtf8) {
         tarvik::OBStream stream(out);
         EXPECT_EQ(text.write_xml(stream), 0);
     }
-    EXPECT_EQ(bytes(out), "&lt;\xC3\xA9&gt;&amp;&apos;&quot;\t\xE2\x82\xAC");
+    EXPECT_EQ(str(out), "&lt;\xC3\xA9&gt;&amp;&apos;&quot;\t\xE2\x82\xAC");
 }
 
 TEST(String, CompareAndSearchFollowTheSharedRules) {

@@ -16,14 +16,7 @@ using tarvik::AString;
 using tarvik::Symbol;
 using tarvik::SymbolEntry;
 using tarvik::test::run_together;
-
-namespace {
-
-std::string str(AString const& s) {
-    return std::string(s.c_str(), s.length());
-}
-
-}  // namespace
+using tarvik::test::str;
 
 TEST(Symbol, NewNamesAreNumberedDenselyInOrderOfFirstUse) {
     unsigned int before = Symbol::count();

@@ -11,13 +11,12 @@
 #include <thread>
 #include <unordered_set>
 
+#include "TestSupport.h"
+
 using namespace tarvik;
+using tarvik::test::str;
 
 namespace {
-
-std::string str(AString const& s) {
-    return std::string(s.c_str(), s.length());
-}
 
 char const kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_$";
 

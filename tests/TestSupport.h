@@ -3,10 +3,12 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "tarvik/AString.h"
 #include "tarvik/GlobVar.h"
 #include "tarvik/Symbol.h"
+#include "tarvik/Time.h"
 #include "tarvik/Tuple.h"
 
 namespace tarvik::test {
@@ -26,6 +28,10 @@ private:
     std::string path_;
 };
 
+// How many "ERR" records in printed text (of `unit`, when given) end with exactly `message`; wrapped
+// records are rejoined first.
+int errors_in(std::string text, std::string const& message, std::string const& unit = "");
+
 // Captures what the process writes to standard output (where log records are printed) between
 // construction and text(). Records are flushed line by line, so text() sees every finished record.
 class StdoutCapture {
@@ -41,6 +47,10 @@ public:
     // How many captured log records contain `needle`. A record that wrapped (a line feed and the
     // continuation indent of 16 spaces) is rejoined first, so long records match as one text.
     int records_with(std::string const& needle);
+    // How many "ERR" records (of `unit`, when given) end with exactly `message`; see errors_in().
+    int errors(std::string const& message, std::string const& unit = "") {
+        return errors_in(text(), message, unit);
+    }
 
 private:
     int saved_fd_ = -1;
@@ -48,6 +58,23 @@ private:
     std::string text_;
     bool done_ = false;
 };
+
+// Runs `step` with standard output (where log records go) captured; what it printed.
+template <class F>
+std::string printed(F step) {
+    StdoutCapture capture;
+    step();
+    return capture.text();
+}
+
+// The bytes of an AString, embedded zeros included.
+inline std::string str(AString const& s) { return std::string(s.c_str(), s.length()); }
+
+// A name no other test program running now uses: "tvk-test.<what>.<process id>".
+std::string unique_name(char const* what);
+
+// n milliseconds.
+inline TimePeriod ms(long n) { return TimePeriod(0, n, true); }
 
 // Counts live objects, so that every construction is matched by exactly one destruction; the AString
 // member puts every element on the heap for the sanitizer builds.
@@ -78,13 +105,26 @@ private:
     int saved_;
 };
 
-// One attribute of every kind, named by its code: values of several integer bytes, negative numbers, empty
-// and non-ASCII contents, repeated names (class "all.kinds").
+// One attribute of every kind with the awkward values of each, for the text and XML forms: markup,
+// quotes, white space and non-ASCII text (no other control characters, which XML drops) in its strings
+// and names, extreme and signed-zero and not-a-number floats, periods and dates at their limits, empty
+// lists, items and names (class "every kind").
+Tuple awkward_kinds();
+// awkward_kinds() under the class "all.kinds".
 Tuple all_kinds();
+
+// Polls until `done` holds, at most `seconds`; whether it did.
+bool eventually(std::function<bool()> const& done, int seconds = 10);
 
 // Runs body(t) on n threads (t = 0 .. n-1), released together so that they contend from the start, and
 // waits for all of them.
 void run_together(int n, std::function<void(int)> const& body);
+
+// The pieces of `text` between occurrences of `end` (a last piece without `end` included).
+std::vector<std::string> split(std::string const& text, std::string const& end = "\n");
+
+// The current thread's id as log records print it (lower-case hexadecimal).
+std::string thread_hex();
 
 // The whole content of a file ("" when it cannot be read).
 std::string read_file(std::string const& path);

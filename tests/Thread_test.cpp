@@ -8,20 +8,15 @@
 #include <thread>
 #include <vector>
 
+#include "TestSupport.h"
 #include "tarvik/System.h"
 
 using tarvik::Thread;
 using tarvik::TimePeriod;
 using namespace std::chrono_literals;
+using tarvik::test::eventually;
 
 namespace {
-
-// Polls until `done` holds, at most 10 seconds; whether it did.
-bool eventually(std::function<bool()> const& done) {
-    for (auto const limit = std::chrono::steady_clock::now() + 10s; !done(); std::this_thread::sleep_for(1ms))
-        if (std::chrono::steady_clock::now() > limit) return false;
-    return true;
-}
 
 // A run() that polls is_to_stop(), counts its starts and ends, and lingers a little after the stop
 // request, so that a stop() that did not wait for it would be caught.

@@ -4,15 +4,13 @@
 
 #include <string>
 
+#include "TestSupport.h"
 #include "tarvik/IOBStream.h"
 
 using namespace tarvik;
+using tarvik::test::str;
 
 namespace {
-
-std::string str(AString const& s) {
-    return std::string(s.c_str(), s.length());
-}
 
 // What matching the text sets in an empty tuple, in the tuple's text form; "no match" when it fails.
 std::string matched(char const* pattern, char const* text, char escape = '\\') {

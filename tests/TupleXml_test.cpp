@@ -20,12 +20,10 @@
 using namespace tarvik;
 using tarvik::test::StdoutCapture;
 using tarvik::test::TempDir;
+using tarvik::test::awkward_kinds;
+using tarvik::test::str;
 
 namespace {
-
-std::string str(AString const& s) {
-    return std::string(s.c_str(), s.length());
-}
 
 std::string xml_of(Tuple const& t, bool text_mode = false) {
     AString out;
@@ -41,60 +39,6 @@ Tuple read_back(std::string const& text) {
     IBStream in(text.c_str());
     EXPECT_GE(back.read_xml(in), 0) << text;
     return back;
-}
-
-// A tuple holding every kind, with markup, quotes, white space and non-ASCII text in its strings, extreme
-// numbers, periods and dates, empty lists and empty items.
-Tuple every_kind() {
-    using F = std::numeric_limits<float>;
-    using D = std::numeric_limits<double>;
-    using L = std::numeric_limits<std::int64_t>;
-    AString bytes("<a href=\"x\" b='y'>&amp; </a>\n\r\t\v\f two  spaces \x80\xe9\xff");
-    WChar const units[] = {'<', 0xE9, 0x20AC, 0xD83D, 0xDE00, 0xFFFF, '\n', ' '};
-    StringBuffer buffer(4);  // several pages
-    buffer.append(bytes.c_str(), bytes.length());
-    Tuple inner("user & <co>");
-    inner.set_astring("name\t\"x\"", " padded ");
-    Tuple t("every kind");
-    t.set_bool("b", true);
-    t.set_list_bool("lbo", ListBool{false, true});
-    t.set_int("i", std::numeric_limits<int>::min());
-    t.set_list_int("li", ListInt{std::numeric_limits<int>::max(), 0});
-    t.set_long("l", L::min());
-    t.set_list_long("ll", ListLong{L::max(), -1});
-    t.set_float("f", F::denorm_min());
-    t.set_list_float("lf", ListFloat{F::infinity(), -F::infinity(), F::quiet_NaN(), F::max(), 0.1f});
-    t.set_double("d", D::lowest());
-    t.set_list_double("ld", ListDouble{D::infinity(), D::quiet_NaN(), D::denorm_min(), 0.1});
-    t.set_astring("as", bytes);
-    t.set_list_astring("las", ListAString{bytes, "", " "});
-    t.set_string("s", String(units, 8));
-    t.set_list_string("ls", ListString{String(units, 8), String()});
-    t.set_blob("bb", Blob(std::string(100, '\xa5').data(), 100, 100));  // base64 over several lines
-    t.set_list_blob("lb", ListBlob{Blob(), Blob("\xff", 1, 1)});
-    t.set_stringbuffer("sb", buffer);
-    t.set_list_stringbuffer("lsb", ListStringBuffer{buffer, StringBuffer()});
-    t.set_symbol("ss", Symbol("a <b>"));
-    t.set_list_symbol("lss", ListSymbol{Symbol(""), Symbol("plain")});
-    t.set_time_period("tp", TimePeriod(L::min(), 0, false));
-    t.set_list_time_period("ltp", ListTimePeriod{TimePeriod(0, -1, false), TimePeriod(-5, -250000, false),
-                                                 TimePeriod(L::max(), 999999, false), TimePeriod()});
-    t.set_time_date("td", TimeDate(-44, 3, 15, 12, 30, 0, 7, false));
-    t.set_list_time_date("ltd", ListTimeDate{TimeDate(2024, 2, 29, 23, 59, 59, 999999, false),
-                                             TimeDate(L::max() / 4), TimeDate(std::int64_t{-1})});
-    t.set_array_int("ai", ArrayInt{std::numeric_limits<int>::min(), 0});
-    t.set_array_long("al", ArrayLong{});
-    t.set_array_float("af", ArrayFloat{-0.0f, F::lowest()});
-    t.set_array_double("ad", ArrayDouble{D::max(), D::min()});
-    t.set_list_array_int("lai", ListArrayInt{ArrayInt{1}, ArrayInt{}});
-    t.add_array_long("lal", ArrayLong{L::max()});
-    t.add_array_float("laf", ArrayFloat{F::min()});
-    t.set_list_array_double("lad", ListArrayDouble{});
-    t.set_tuple("t", Tuple()).set_tuple("deeper", inner);
-    t.set_list_tuple("lt", ListTuple{inner, Tuple(), inner});
-    t.set_list_tuple("lt.empty", ListTuple{});
-    t.set_astring("", "unnamed");
-    return t;
 }
 
 // Equal, and alike in what compare() does not tell apart (-0 from 0, nan from nan).
@@ -155,7 +99,7 @@ TEST(TupleXml, WritesTheDocumentedTextAndDatesAndPeriodsComeBackExactly) {
 }
 
 TEST(TupleXml, EveryKindReadsBackIntoAnEqualTuple) {
-    Tuple t = every_kind(), outer("outer");
+    Tuple t = awkward_kinds(), outer("outer");
     std::set<int> kinds;
     for (Tuple::ConstValueIterator it(t); it.more(); it.next()) kinds.insert(it.get_type());
     EXPECT_EQ(kinds.size(), 34u);
@@ -181,7 +125,7 @@ TEST(TupleXml, EveryKindReadsBackIntoAnEqualTuple) {
 TEST(TupleXml, FileOpensWithTheDeclarationAndStoresCrLf) {
     TempDir dir;
     Path path(dir.file("t.xml").c_str());
-    Tuple t = every_kind(), back;
+    Tuple t = awkward_kinds(), back;
     EXPECT_EQ(t.write_xml(path), static_cast<long>(t.get_count()));
     std::string bytes = test::read_file(dir.file("t.xml"));
     EXPECT_TRUE(bytes.starts_with("<?xml version=\"1.0\" encoding=\"utf-8\" standalone=\"yes\"?>\r\n<t "));
@@ -194,7 +138,7 @@ TEST(TupleXml, FileOpensWithTheDeclarationAndStoresCrLf) {
 }
 
 TEST(TupleXml, AsciiCommBufferCarriesTheXmlText) {
-    Tuple t = every_kind(), back, received;
+    Tuple t = awkward_kinds(), back, received;
     CommBuffer buffer(64);  // the text spans many pages
     buffer.set_is_ascii(true);
     EXPECT_EQ(t.write(buffer), static_cast<long>(t.get_count()));

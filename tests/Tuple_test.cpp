@@ -11,23 +11,9 @@
 
 using namespace tarvik;
 using tarvik::test::StdoutCapture;
+using tarvik::test::str;
 
 namespace {
-
-std::string str(AString const& s) {
-    return std::string(s.c_str(), s.length());
-}
-
-// How many ERR records of a unit carry exactly this message (wrapped records joined first).
-int logged(StdoutCapture& capture, std::string const& unit, std::string const& message) {
-    std::string text = capture.text(), wrap = "\n" + std::string(16, ' ');
-    for (std::size_t at; (at = text.find(wrap)) != std::string::npos;) text.erase(at, wrap.size());
-    std::istringstream lines(text);
-    int n = 0;
-    for (std::string line; std::getline(lines, line);)
-        n += line.find("\tERR|TVK|" + unit + "|") != std::string::npos && line.ends_with("||" + message);
-    return n;
-}
 
 // "name:kind" of every value, in chain order.
 std::string layout(Tuple const& t) {
@@ -47,59 +33,12 @@ Tuple parse(char const* text) {
     return t;
 }
 
-// A tuple holding every kind, with the awkward values of each.
+// The shared awkward values, and what only the text form carries: every byte and lone surrogates.
 Tuple every_kind() {
-    using F = std::numeric_limits<float>;
-    using D = std::numeric_limits<double>;
-    using L = std::numeric_limits<std::int64_t>;
-    Tuple t;
-    t.set_bool("b", true);
-    t.set_list_bool("lbo", ListBool{false, true});
-    t.set_int("i", std::numeric_limits<int>::min());
-    t.set_list_int("li", ListInt{std::numeric_limits<int>::max(), 0});
-    t.set_list_int("li.empty", ListInt{});
-    t.set_long("l", L::min());
-    t.set_list_long("ll", ListLong{L::max(), -1});
-    t.set_float("f", F::denorm_min());
-    t.set_list_float("lf",
-                     ListFloat{F::infinity(), -F::infinity(), F::quiet_NaN(), -0.0f, F::max(), F::lowest()});
-    t.set_double("d", D::max());
-    t.set_list_double("ld",
-                      ListDouble{D::infinity(), -D::infinity(), D::quiet_NaN(), -0.0, D::denorm_min(), 0.1});
-    AString bytes("q\"\\\n\r\t\0\x01\x7f\x80\xff end", 15);
-    t.set_astring("as", bytes);
-    t.set_list_astring("las", ListAString{bytes, ""});
-    WChar const units[] = {0, '"', '\\', 0xE9, 0xD800, 0xFFFF, 'A'};
-    t.set_string("s", String(units, 7));
-    t.set_list_string("ls", ListString{String(units, 7), String()});
-    t.set_blob("bb", Blob(std::string(100, '\xa5').data(), 100, 100));  // base64 longer than one XML line
-    t.set_list_blob("lb", ListBlob{Blob(), Blob("\xff", 1, 1)});
-    StringBuffer buffer(4);  // several pages
-    buffer.append(bytes.c_str(), bytes.length());
-    t.set_stringbuffer("sb", buffer);
-    t.set_list_stringbuffer("lsb", ListStringBuffer{buffer, StringBuffer()});
-    t.set_symbol("ss", Symbol("needs quoting:"));
-    t.set_list_symbol("lss", ListSymbol{Symbol(""), Symbol("plain")});
-    t.set_time_period("tp", TimePeriod(-5, -250000, false));
-    t.set_list_time_period("ltp", ListTimePeriod{TimePeriod(0, -1, false), TimePeriod(L::min(), 0, false),
-                                                 TimePeriod(L::max(), 999999, false)});
-    t.set_time_date("td", TimeDate(-44, 3, 15, 12, 30, 0, 7, false));
-    t.set_list_time_date("ltd",
-                         ListTimeDate{TimeDate(2024, 2, 29, 23, 59, 59, 999999, false),
-                                      TimeDate(std::int64_t{L::max() / 4}), TimeDate(std::int64_t{-1})});
-    t.set_array_int("ai", ArrayInt{std::numeric_limits<int>::min(), 0});
-    t.set_array_long("al", ArrayLong{});
-    t.set_array_float("af", ArrayFloat{-0.0f, F::quiet_NaN()});
-    t.set_array_double("ad", ArrayDouble{D::lowest(), D::min()});
-    t.set_list_array_int("lai", ListArrayInt{ArrayInt{1}, ArrayInt{}});
-    t.add_array_long("lal", ArrayLong{L::max()});
-    t.add_array_float("laf", ArrayFloat{F::min()});
-    t.set_list_array_double("lad", ListArrayDouble{});
-    Tuple inner("my class");  // names that need quoting
-    for (char const* name : {" ", "", ":", "a\"b"}) inner.set_astring(name, name);
-    t.set_tuple("t", Tuple()).set_tuple("deeper", inner);
-    t.set_list_tuple("lt", ListTuple{inner, Tuple()});
-    t.set_list_tuple("lt.empty", ListTuple{});
+    Tuple t = tarvik::test::awkward_kinds();
+    t.add_astring("las", AString("q\"\\\n\r\t\0\x01\x7f\x80\xff end", 15));
+    WChar const units[] = {0, '"', '\\', 0xD800, 'A'};
+    t.add_string("ls", String(units, 5));
     return t;
 }
 
@@ -205,7 +144,7 @@ TEST(Tuple, DuplicateNameAddedBelowTheSetterIsLoggedAndStandsFirst) {
     t.set_int("dup", 1);
     StdoutCapture capture;
     *t.add_value("dup", T_LONG)->is_long() = 2;
-    EXPECT_EQ(logged(capture, "TUPLE", "ALLREADY ATT n=dup t=3 r=false"), 1) << capture.text();
+    EXPECT_EQ(capture.errors("ALLREADY ATT n=dup t=3 r=false", "TUPLE"), 1) << capture.text();
     EXPECT_EQ(layout(t), "dup:4 dup:3");
     EXPECT_EQ(t.get_int("dup", -1), -1);  // only the first value of a name is looked at
     t.clear(Symbol("dup"));
@@ -222,9 +161,9 @@ TEST(Tuple, NameOrKindTheHeaderCannotHoldIsRefusedAndTheTupleUnchanged) {
     EXPECT_EQ(t.add_value(unknown, T_INT), nullptr);
     EXPECT_EQ(t.set_value("x", static_cast<Types>(33), &t, false, false), nullptr);
     EXPECT_EQ(t.add_value("x", static_cast<Types>(60)), nullptr);
-    EXPECT_EQ(logged(capture, "TUPLE", "ATT NAME IS NOT A SYMBOL"), 2) << capture.text();
-    EXPECT_EQ(logged(capture, "TYPEMANAGER", "INVALID TYPE 33"), 1) << capture.text();
-    EXPECT_EQ(logged(capture, "TUPLE", "INVALID TYPE 60"), 1) << capture.text();
+    EXPECT_EQ(capture.errors("ATT NAME IS NOT A SYMBOL", "TUPLE"), 2) << capture.text();
+    EXPECT_EQ(capture.errors("INVALID TYPE 33", "TYPEMANAGER"), 1) << capture.text();
+    EXPECT_EQ(capture.errors("INVALID TYPE 60", "TUPLE"), 1) << capture.text();
     EXPECT_EQ(layout(t), "keep:3");
 }
 
@@ -417,7 +356,7 @@ TEST(TupleTextDamage, MalformedTextIsRefusedWithItsErrorAndPositionAndTheTupleKe
         for (char const* p = c.text; *p; ++p) shown += *p == '\\' ? "\\\\" : std::string(1, *p);
         std::string message = "TUPLE TEXT: " + std::string(c.error) + " AT " + std::to_string(c.position) +
                               " IN '" + shown + "'";
-        EXPECT_EQ(logged(capture, "TUPLE", message), 1) << capture.text();
+        EXPECT_EQ(capture.errors(message, "TUPLE"), 1) << capture.text();
         EXPECT_EQ(text_of(t), "kept{k:i=1}");
     }
 }
