@@ -14,6 +14,7 @@
 // so containers of them compare by size only.
 #pragma once
 
+#include <cmath>
 #include <cstring>
 #include <new>
 #include <type_traits>
@@ -41,7 +42,7 @@ struct TvkScalarListAllocator {
         T const& y = *static_cast<T const*>(b);
         if constexpr (std::is_floating_point_v<T>) {
             // A total order: NaN equals NaN and sorts after every number.
-            bool nx = x != x, ny = y != y;
+            bool const nx = std::isnan(x), ny = std::isnan(y);
             if (nx || ny) return nx == ny ? 0 : (nx ? 1 : -1);
         }
         return x < y ? -1 : (y < x ? 1 : 0);
