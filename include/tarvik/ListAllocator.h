@@ -30,12 +30,13 @@ struct TvkScalarListAllocator {
 
     static void constructor(void* where, void const* from) {
         if (from) {
-            std::memcpy(where, from, sizeof(T));
+            std::memcpy(where, from, sizeof(T));  // NOLINT(bugprone-sizeof-expression): T may be a pointer
         } else {
             new (where) T();
         }
     }
     static void destructor(void*) {}
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer, and its size is what is wanted
     static void relocate(void* to, void* from) { std::memcpy(to, from, sizeof(T)); }
     static int comparator(void const* a, void const* b) {
         T const& x = *static_cast<T const*>(a);
