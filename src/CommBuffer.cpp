@@ -108,7 +108,7 @@ unsigned int decode_bounded(bool is_signed, unsigned char const* p, std::size_t 
 void CommBuffer::Page::write_header() {
     unsigned char* h = data();
     if (capacity < kHeaderSize) return;
-    std::memcpy(h, "TVK01/", 6);
+    std::memcpy(h, "TVK01/", 6);  // NOLINT(bugprone-not-null-terminated-result): header bytes, not a string
     for (int i = 0; i < 4; ++i) h[6 + i] = static_cast<unsigned char>(flags[i]);
     h[10] = last ? '1' : '0';
     h[11] = '/';

@@ -52,6 +52,7 @@ OBStreamFormat const& OBStreamFormat::add(char value) const {
     return *this;
 }
 OBStreamFormat const& OBStreamFormat::add(wchar_t value) const {
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): a wide character, whose value widening keeps
     next_(OBStreamFormatArg::T_WCHAR).number = static_cast<std::int64_t>(value);
     return *this;
 }

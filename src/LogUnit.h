@@ -25,6 +25,7 @@
             ::tarvik::memory::create<::tarvik::GlobVarLog>(::tarvik::Symbol("TVK"), __FILE__);                \
         return *variable;                                                                                     \
     }                                                                                                         \
+    /* NOLINTNEXTLINE(cert-err58-cpp): built at load on purpose; a throw there fails the load */              \
     [[maybe_unused]] ::tarvik::GlobVarLog& tvk_log_at_load = tvk_log();                                       \
     }
 

@@ -95,7 +95,7 @@ void* allocate_small(std::size_t bytes) {
             return block;
         }
     }
-    return allocate((c + 1) * 16);
+    return allocate((std::size_t{c} + 1) * 16);
 }
 
 void* allocate_small_zeroed(std::size_t bytes) {

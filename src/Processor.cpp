@@ -43,7 +43,7 @@ CriticalSection& Action::counter_lock_() {
 
 CriticalSection& Action::get_cs() { return counter_lock_(); }
 
-void Action::run() {}
+void Action::run() {}  // NOLINT(bugprone-virtual-near-miss): see the declaration
 
 bool Action::is_running() {
     CriticalSectionHolder hold(counter_lock_());

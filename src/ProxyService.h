@@ -19,20 +19,23 @@ public:
     static AutoRef<ProxyService> make(char const* class_name, char const* name, char const* address);
 
     bool is_proxy() const override { return true; }
-    bool get_interface(char const* name, AutoRef<Interface>& out) override;
+    // Adds the interface under the service's section when it is new, then looks it up.
+    bool get_interface(char const* name, AutoRef<Interface>& out) override TARVIK_EXCLUDES(get_cs());
     // Sends with the proxy's own session context, and takes the answer's as its own.
-    long call(char const* iface_name, Tuple const& in, Tuple& out) override;
+    long call(char const* iface_name, Tuple const& in, Tuple& out) override TARVIK_EXCLUDES(get_cs());
     // Sends with `session`, and leaves the answer's session context in it.
-    long call(Tuple& session, char const* iface_name, Tuple const& in, Tuple& out) override;
+    long call(Tuple& session, char const* iface_name, Tuple const& in, Tuple& out) override
+        TARVIK_EXCLUDES(get_cs());
     // Asks the remote manager whether the service is published there ("tvk.check" answered with r = 1).
-    bool check_connection();
+    bool check_connection() TARVIK_EXCLUDES(get_cs());
 
 private:
     ProxyService(char const* class_name, char const* name, char const* address);
     // One exchange; `session` is sent when not empty and replaced by the answer's context when it has one.
-    long exchange_(Tuple& session, char const* iface_name, Tuple const& in, Tuple& out);
+    long exchange_(Tuple& session, char const* iface_name, Tuple const& in, Tuple& out)
+        TARVIK_EXCLUDES(get_cs());
 
-    AutoRef<Sender> sender_;  // set once at construction
+    AutoRef<Sender> sender_;  // set once at construction, so read without a lock
 };
 
 }  // namespace tarvik

@@ -18,10 +18,12 @@ namespace tarvik {
 namespace {
 
 // "interface.method" -> the method. Made on first registration and never destroyed, so that static
-// methods of other libraries may leave it during static destruction in any order.
+// methods of other libraries may leave it during static destruction in any order. Its lock is the innermost
+// of the service layer (a service looks methods up under its own section) and is never held while a method
+// runs.
 struct MethodRegistry {
     CriticalSection cs;
-    std::unordered_map<std::string, Service::CallMethod*> methods;  // guarded by cs
+    std::unordered_map<std::string, Service::CallMethod*> methods TARVIK_GUARDED_BY(cs);
 };
 
 MethodRegistry* method_registry(bool make) {

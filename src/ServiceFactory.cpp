@@ -16,7 +16,7 @@ namespace {
 // Newest first. Made on first use and never destroyed, so that static factories may leave it in any order.
 struct Registry {
     CriticalSection cs;
-    std::vector<ServiceFactory*> factories;  // guarded by cs
+    std::vector<ServiceFactory*> factories TARVIK_GUARDED_BY(cs);
 };
 
 Registry& registry() {

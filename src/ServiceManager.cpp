@@ -17,6 +17,8 @@ TARVIK_LOG_UNIT()
 
 namespace tarvik {
 
+class ServiceManagerImpl;
+
 namespace {
 
 struct Names {
@@ -53,6 +55,17 @@ bool depth_within(Tuple const& t, int room) {
     return true;
 }
 
+// Every live manager, newest first, for getService. Made on first use and never destroyed.
+struct ManagerList {
+    CriticalSection cs;
+    std::vector<ServiceManagerImpl*> managers TARVIK_GUARDED_BY(cs);
+};
+
+ManagerList& manager_list() {
+    static ManagerList* const list = new ManagerList;
+    return *list;
+}
+
 }  // namespace
 
 // --- the implementation ------------------------------------------------------------------------------------
@@ -62,20 +75,16 @@ public:
     ServiceManagerImpl();
     ~ServiceManagerImpl() override;
 
-    bool publish(AutoRef<Service> const& service) override;
-    bool unpublish(AutoRef<Service> const& service) override;
-    AutoRef<Service> get_service(char const* class_name, char const* name) override;
-    AutoRef<Listener> add_listener(char const* address) override;
-    bool add_listener(AutoRef<Listener> const& listener) override;
-    bool remove_listener(char const* address) override;
-    bool remove_listener(AutoRef<Listener> const& listener) override;
+    bool publish(AutoRef<Service> const& service) override TARVIK_EXCLUDES(cs_);
+    bool unpublish(AutoRef<Service> const& service) override TARVIK_EXCLUDES(cs_);
+    AutoRef<Service> get_service(char const* class_name, char const* name) override TARVIK_EXCLUDES(cs_);
+    AutoRef<Listener> add_listener(char const* address) override TARVIK_EXCLUDES(cs_);
+    bool add_listener(AutoRef<Listener> const& listener) override TARVIK_EXCLUDES(cs_);
+    bool remove_listener(char const* address) override TARVIK_EXCLUDES(cs_);
+    bool remove_listener(AutoRef<Listener> const& listener) override TARVIK_EXCLUDES(cs_);
     Listener::Callback& get_callback() override { return *this; }
 
-    void on_request(Tuple const& request, Tuple& reply) override;
-
-    // Every live manager, newest first, for getService.
-    static CriticalSection& managers_cs();
-    static std::vector<ServiceManagerImpl*>& managers();  // guarded by managers_cs()
+    void on_request(Tuple const& request, Tuple& reply) override TARVIK_EXCLUDES(cs_);
 
 private:
     // One link per listener: a callback is linked to one listener at a time, and a manager may have many.
@@ -91,37 +100,32 @@ private:
     };
     using Key = std::pair<std::string, std::string>;
 
-    bool attach_listener_(AString const& address, AutoRef<Listener> const& listener);
+    bool attach_listener_(AString const& address, AutoRef<Listener> const& listener) TARVIK_EXCLUDES(cs_);
+    // Stops the listener: never under cs_, since its in-flight requests may need it.
     static void detach_listener_(Entry& entry);
     bool valid_request_(Tuple const& request);
 
-    CriticalSection cs_;
-    std::map<Key, AutoRef<Service>> services_;  // guarded by cs_
-    std::vector<Entry> listeners_;             // guarded by cs_
+    // Lock order: the list of managers, then this lock, then a service's section (set_manager_ runs under
+    // it), then an interface's; the method registry's lock innermost. Held only to look up, add or remove.
+    CriticalSection cs_ TARVIK_ACQUIRED_AFTER(ManagerList::cs) TARVIK_ACQUIRED_BEFORE(Service::cs_);
+    std::map<Key, AutoRef<Service>> services_ TARVIK_GUARDED_BY(cs_);
+    std::vector<Entry> listeners_ TARVIK_GUARDED_BY(cs_);
 };
-
-CriticalSection& ServiceManagerImpl::managers_cs() {
-    static CriticalSection* const cs = new CriticalSection;
-    return *cs;
-}
-
-std::vector<ServiceManagerImpl*>& ServiceManagerImpl::managers() {
-    static std::vector<ServiceManagerImpl*>* const list = new std::vector<ServiceManagerImpl*>;
-    return *list;
-}
 
 ServiceManagerImpl::ServiceManagerImpl() {
     {
-        CriticalSectionHolder hold(managers_cs());
-        managers().insert(managers().begin(), this);
+        ManagerList& l = manager_list();
+        CriticalSectionHolder hold(l.cs);
+        l.managers.insert(l.managers.begin(), this);
     }
     if (tvk_log() > 0) TVK_LOG(LEVEL_LOG, "CREATE SERVICE MANAGER %0") << static_cast<void const*>(this);
 }
 
 ServiceManagerImpl::~ServiceManagerImpl() {
     {
-        CriticalSectionHolder hold(managers_cs());
-        auto& list = managers();
+        ManagerList& l = manager_list();
+        CriticalSectionHolder hold(l.cs);
+        auto& list = l.managers;
         for (auto it = list.begin(); it != list.end(); ++it) {
             if (*it == this) {
                 list.erase(it);
@@ -331,8 +335,9 @@ void ServiceManagerImpl::on_request(Tuple const& request, Tuple& reply) {
 AutoRef<ServiceManager> ServiceManager::create() { return AutoRef<ServiceManager>(new ServiceManagerImpl); }
 
 AutoRef<Service> ServiceManager::getService(char const* class_name, char const* name) {
-    CriticalSectionHolder hold(ServiceManagerImpl::managers_cs());
-    for (ServiceManagerImpl* m : ServiceManagerImpl::managers())
+    ManagerList& l = manager_list();
+    CriticalSectionHolder hold(l.cs);
+    for (ServiceManagerImpl* m : l.managers)
         if (AutoRef<Service> s = m->get_service(class_name, name)) return s;
     return {};
 }

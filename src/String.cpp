@@ -82,6 +82,7 @@ struct StringBlocks {
     RawString* allocate(unsigned int n) const { return allocator->allocate(n); }
     void reallocate(RawString*& raw, unsigned int n) const { allocator->reallocate(raw, n); }
     void release(RawString* raw) const {
+        // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): never null (String's constructors default it)
         if (raw->capacity != 0) allocator->release(raw);
     }
     static RawString* nil() { return String::nil_block(); }

@@ -97,6 +97,7 @@ unsigned int StringBuffer::append(char const* text) {
 
 unsigned int StringBuffer::append(StringBuffer const& other) {
     if (&other == this) {
+        // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): `other` grows while it is appended
         StringBuffer copy(other);
         return append(copy);
     }

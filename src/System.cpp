@@ -117,10 +117,10 @@ AString create_tvk_guid() {
     unsigned char b[16] = {};
     system_impl::random_guid(b);
     char text[24];
-    for (int w = 0; w < 4; ++w) {
+    for (std::size_t w = 0; w < 4; ++w) {
         unsigned int word = static_cast<unsigned int>(b[w * 4]) | static_cast<unsigned int>(b[w * 4 + 1]) << 8 |
                             static_cast<unsigned int>(b[w * 4 + 2]) << 16 | static_cast<unsigned int>(b[w * 4 + 3]) << 24;
-        for (int k = 0; k < 6; ++k) text[w * 6 + k] = kAlphabet[(word >> (30 - 6 * k)) & 63];
+        for (std::size_t k = 0; k < 6; ++k) text[w * 6 + k] = kAlphabet[(word >> (30 - 6 * k)) & 63];
     }
     return AString(text, 24);
 }

@@ -141,7 +141,7 @@ bool Thread::stop() {
         running = r->handle && !r->suspended;
         ++r->users;  // keeps the record and its handle while we wait, even if another stop() completes it
     }
-    if (running) wait_end_until(r->handle, Deadline::in_ms(kStopWaits * kWaitSliceMs));
+    if (running) wait_end_until(r->handle, Deadline::in_ms(std::int64_t{kStopWaits} * kWaitSliceMs));
     CriticalSectionHolder hold(thread_lock());
     --r->users;
     if (record_.load() == r) {

@@ -20,6 +20,7 @@ GlobVarInt& requests_xml_save() {
     static GlobVarInt* const variable = new GlobVarInt(Symbol("TVK.COMM"), Symbol("REQUESTS.XML.SAVE"), 0);
     return *variable;
 }
+// NOLINTNEXTLINE(cert-err58-cpp): built at load on purpose, so that a host can list and set it at once
 [[maybe_unused]] GlobVarInt& requests_xml_save_at_load = requests_xml_save();
 
 std::atomic<unsigned int> debug_dump_counter{0};

@@ -1,6 +1,7 @@
 #include "tarvik/TypeManager.h"
 
 #include <cassert>
+#include <cmath>
 #include <type_traits>
 #include <new>
 
@@ -31,7 +32,7 @@ template <class T>
 int order(T const& a, T const& b) {
     if constexpr (std::is_floating_point_v<T>) {
         // A total order: NaN equals NaN and sorts after every number, so that it never equals a number.
-        bool na = a != a, nb = b != b;
+        bool const na = std::isnan(a), nb = std::isnan(b);
         if (na || nb) return na == nb ? 0 : (na ? 1 : -1);
         return a < b ? -1 : (b < a ? 1 : 0);
     } else if constexpr (requires { a.compare(b); }) {
@@ -158,6 +159,7 @@ unsigned int TypeManager::code_bucket(char const* code) {
     std::uint32_t sum = 0;
     std::uint32_t weight = 1;
     for (char const* p = code ? code : ""; *p; ++p) {
+        // NOLINTNEXTLINE(bugprone-signed-char-misuse): the bucket hash is defined on signed bytes
         int c = static_cast<signed char>(*p);
         sum += static_cast<std::uint32_t>(c % 127) * weight;
         weight *= 127;

@@ -113,7 +113,7 @@ public:
     // Appends a copy of v (v may be an element of this array) and returns the stored element.
     T& push_back(T const& v) {
         if (size_ == capacity_ && &v >= data() && &v < data() + size_) {
-            T copy(v);
+            T copy(v);  // NOLINT(performance-unnecessary-copy-initialization): v moves when the array grows
             return push_back(copy);
         }
         if (size_ == capacity_) grow_(size_ + 1, ops_, false);
@@ -198,6 +198,7 @@ private:
         return i > size_ ? size_ : i;
     }
 
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer, and its size is what is wanted
     static constexpr ElementOps ops_ = {sizeof(T), &A::constructor, &A::destructor, &A::relocate, &A::comparator,
                                         A::is_scalar};
 };

@@ -29,12 +29,14 @@
 //
 // Thread safety: call() may run on several threads at once; the registry of methods takes its own lock
 // for lookups only, never while a method runs. get_cs() is the interface's own section; it guards the
-// interface's counts and its service link.
+// interface's counts and its service link. Lock order: a service's section before its interfaces' (the
+// service is locked while it binds an interface); the method registry's lock is taken last, under either.
 #pragma once
 
 #include "tarvik/AString.h"
 #include "tarvik/AutoRef.h"
 #include "tarvik/CriticalSection.h"
+#include "tarvik/ThreadSafety.h"
 #include "tarvik/Tuple.h"
 #include "tarvik/Types.h"
 
@@ -55,10 +57,10 @@ public:
     AString const& get_name() const { return name_; }
     // The service the interface belongs to (null when unbound). The pointer is not counted by itself:
     // hold the interface (or the service) for as long as it is used.
-    Service* get_service() const;
+    Service* get_service() const TARVIK_EXCLUDES(cs_);
     // Binds the interface to a service, or unbinds it (null). Service::add_interface does this.
-    void set_service(Service* service);
-    CriticalSection& get_cs() override;
+    void set_service(Service* service) TARVIK_EXCLUDES(cs_);
+    CriticalSection& get_cs() override TARVIK_RETURN_CAPABILITY(cs_);
 
     // True for the interfaces of a proxy service, whose calls go to another process.
     virtual bool is_proxy() const;
@@ -77,13 +79,16 @@ public:
 
 private:
     // Counted references (see the header comment): beyond the service's own, they hold the service too.
-    void attach() override;
-    void release() override;
+    void attach() override TARVIK_EXCLUDES(cs_);
+    void release() override TARVIK_EXCLUDES(cs_);
+
+    friend class Service;  // which names cs_ in its lock order
 
     AString name_;
     mutable CriticalSection cs_;
-    Service* service_ = nullptr;  // guarded by cs_
-    bool holds_service_ = false;  // guarded by cs_: one reference on service_ is taken for outside holders
+    Service* service_ TARVIK_GUARDED_BY(cs_) = nullptr;
+    // One reference on service_ is taken for outside holders.
+    bool holds_service_ TARVIK_GUARDED_BY(cs_) = false;
 };
 
 // A prepared call: an input tuple whose class name is the method name, an output tuple and the interface.

@@ -14,6 +14,7 @@
 // so containers of them compare by size only.
 #pragma once
 
+#include <cmath>
 #include <cstring>
 #include <new>
 #include <type_traits>
@@ -29,19 +30,20 @@ struct TvkScalarListAllocator {
 
     static void constructor(void* where, void const* from) {
         if (from) {
-            std::memcpy(where, from, sizeof(T));
+            std::memcpy(where, from, sizeof(T));  // NOLINT(bugprone-sizeof-expression): T may be a pointer
         } else {
             new (where) T();
         }
     }
     static void destructor(void*) {}
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): T may be a pointer, and its size is what is wanted
     static void relocate(void* to, void* from) { std::memcpy(to, from, sizeof(T)); }
     static int comparator(void const* a, void const* b) {
         T const& x = *static_cast<T const*>(a);
         T const& y = *static_cast<T const*>(b);
         if constexpr (std::is_floating_point_v<T>) {
             // A total order: NaN equals NaN and sorts after every number.
-            bool nx = x != x, ny = y != y;
+            bool const nx = std::isnan(x), ny = std::isnan(y);
             if (nx || ny) return nx == ny ? 0 : (nx ? 1 : -1);
         }
         return x < y ? -1 : (y < x ? 1 : 0);

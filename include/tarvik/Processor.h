@@ -49,7 +49,7 @@ public:
     // The process-wide section that guards every action's counters (and its reference counts).
     CriticalSection& get_cs() override;
     // The work; empty here.
-    virtual void run();
+    virtual void run();  // NOLINT(bugprone-virtual-near-miss): not RefObject::Run, a hook of its own
 
     void setStop() { to_stop_.store(true, std::memory_order_release); }
     // Also sets the stop flag.

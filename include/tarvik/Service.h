@@ -48,6 +48,7 @@
 #include "tarvik/AutoRef.h"
 #include "tarvik/CriticalSection.h"
 #include "tarvik/Interface.h"
+#include "tarvik/ThreadSafety.h"
 #include "tarvik/List.h"
 #include "tarvik/Tuple.h"
 #include "tarvik/Types.h"
@@ -97,44 +98,45 @@ public:
 
     AString const& get_class_name() const { return class_name_; }
     // The name, address and args are copied out under the service's section.
-    AString get_name() const;
-    AString get_address() const;
-    AString get_args() const;
-    void set_name(char const* name);
-    void set_address(char const* address);
-    CriticalSection& get_cs() override;
+    AString get_name() const TARVIK_EXCLUDES(cs_);
+    AString get_address() const TARVIK_EXCLUDES(cs_);
+    AString get_args() const TARVIK_EXCLUDES(cs_);
+    void set_name(char const* name) TARVIK_EXCLUDES(cs_);
+    void set_address(char const* address) TARVIK_EXCLUDES(cs_);
+    CriticalSection& get_cs() override TARVIK_RETURN_CAPABILITY(cs_);
 
     // Adds an interface and binds it to this service. False (and nothing added) for a null reference, for
     // an interface another service owns ("INTERFACE %0 BELONG TO SERVICE %1" at ERR) or for a second
-    // interface of the same name.
+    // interface of the same name. May be called with get_cs() held (a proxy adds its interfaces so).
     bool add_interface(AutoRef<Interface> const& iface);
     // The interface of that name into `out`; false when there is none ("INTERAFCE %0 NOT FOUND" at ERR).
-    virtual bool get_interface(char const* name, AutoRef<Interface>& out);
-    // The names of the interfaces, in the order they were added.
+    virtual bool get_interface(char const* name, AutoRef<Interface>& out) TARVIK_EXCLUDES(cs_);
+    // The names of the interfaces, in the order they were added. May be called with get_cs() held.
     void get_interface_names(ListAString& out) const;
     // Adds one interface from each InterfaceFactory registered under this service's class; how many.
     int add_factory_interfaces();
 
     // The service's own session context (see the header comment).
-    Tuple& get_session_context(Tuple& out) const;
-    void set_session_context(Tuple const& context);
-    AString get_session_id() const;
-    void set_session_id(char const* id);
+    Tuple& get_session_context(Tuple& out) const TARVIK_EXCLUDES(cs_);
+    void set_session_context(Tuple const& context) TARVIK_EXCLUDES(cs_);
+    AString get_session_id() const TARVIK_EXCLUDES(cs_);
+    void set_session_id(char const* id) TARVIK_EXCLUDES(cs_);
 
     // The manager the service is published on (empty when none).
-    AutoRef<ServiceManager> get_manager() const;
+    AutoRef<ServiceManager> get_manager() const TARVIK_EXCLUDES(cs_);
     // Publishes on a manager (leaving the one it was published on before), or leaves it. False when the
     // manager refuses (another service of the same class and name is published there).
-    bool publish(AutoRef<ServiceManager> const& manager);
-    bool unpublish();
+    bool publish(AutoRef<ServiceManager> const& manager) TARVIK_EXCLUDES(cs_);
+    bool unpublish() TARVIK_EXCLUDES(cs_);
 
     // True for a proxy service, whose calls go to another process.
     virtual bool is_proxy() const;
     // Calls a method (see the header comment for the choice of the interface): its result, kNoInterface,
     // or Interface::kNotRegistered.
-    virtual long call(char const* iface_name, Tuple const& in, Tuple& out);
+    virtual long call(char const* iface_name, Tuple const& in, Tuple& out) TARVIK_EXCLUDES(cs_);
     // The same with `session` as the current session context; the method's changes are left in it.
-    virtual long call(Tuple& session, char const* iface_name, Tuple const& in, Tuple& out);
+    virtual long call(Tuple& session, char const* iface_name, Tuple const& in, Tuple& out)
+        TARVIK_EXCLUDES(cs_);
 
     // Made from a specification string by the registered factories (see the header comment).
     static AutoRef<Service> create(char const* specification);
@@ -144,21 +146,24 @@ public:
 
 protected:
     // The interface a call goes to; kNoInterface's record is logged here.
-    bool pick_interface_(char const* iface_name, Tuple const& in, AutoRef<Interface>& out);
+    bool pick_interface_(char const* iface_name, Tuple const& in, AutoRef<Interface>& out)
+        TARVIK_EXCLUDES(cs_);
 
 private:
     friend class ServiceManagerImpl;
     // Set by the manager under its own lock when it publishes or drops the service.
-    void set_manager_(ServiceManager* manager);
+    void set_manager_(ServiceManager* manager) TARVIK_EXCLUDES(cs_);
 
     AString class_name_;
-    mutable CriticalSection cs_;
-    AString name_;                               // guarded by cs_
-    AString address_;                            // guarded by cs_
-    AString args_;                               // guarded by cs_
-    List<AutoRef<Interface>> interfaces_;        // guarded by cs_
-    Tuple session_context_;                      // guarded by cs_
-    ServiceManager* manager_ = nullptr;          // guarded by cs_; not counted (the manager holds us)
+    // Lock order: the list of managers, a manager's lock, then this section, then an interface's section;
+    // the method registry's lock innermost. Never held while a method runs.
+    mutable CriticalSection cs_ TARVIK_ACQUIRED_BEFORE(Interface::cs_);
+    AString name_ TARVIK_GUARDED_BY(cs_);
+    AString address_ TARVIK_GUARDED_BY(cs_);
+    AString args_ TARVIK_GUARDED_BY(cs_);
+    List<AutoRef<Interface>> interfaces_ TARVIK_GUARDED_BY(cs_);
+    Tuple session_context_ TARVIK_GUARDED_BY(cs_);
+    ServiceManager* manager_ TARVIK_GUARDED_BY(cs_) = nullptr;  // not counted (the manager holds us)
 };
 
 }  // namespace tarvik

@@ -148,9 +148,11 @@ public:
         static Value* make(Types type, bool by_reference);
         static void free(Value* value);
 
+// NOLINTBEGIN(bugprone-macro-parentheses): T is a type argument, which cannot be parenthesised.
 #define TARVIK_VALUE_IS(X, T, K)                                                                           \
     T* is_##X() { return get_type() == K ? static_cast<T*>(get_pvalue()) : nullptr; }                      \
     T const* is_##X() const { return get_type() == K ? static_cast<T const*>(get_pvalue()) : nullptr; }
+// NOLINTEND(bugprone-macro-parentheses)
         // is_X(): the payload when the value has that kind, else null; never converts.
         TARVIK_VALUE_IS(bool, bool, T_BOOL)
         TARVIK_VALUE_IS(int, int, T_INT)
@@ -330,6 +332,7 @@ public:
 
     // --- typed accessors (see the header comment) ------------------------------------------------------
 
+// NOLINTBEGIN(bugprone-macro-parentheses): T and L are type arguments, which cannot be parenthesised.
 #define TARVIK_TUPLE_COMMON(X, T, K, L, LK)                                                                      \
     T& set_##X(Symbol const& name, T const& value) { return *typed_(set_value(name, K, &value, false, false), value); } \
     T& set_##X(Symbol const& name) { return *typed_(set_value(name, K, &default_of_<T>(), false, false), default_of_<T>()); } \
@@ -372,6 +375,7 @@ public:
         T const* p = payload_<T>(name, K);                                                                     \
         return p ? *p : def;                                                                                   \
     }
+// NOLINTEND(bugprone-macro-parentheses)
 
     TARVIK_TUPLE_NUMBER(bool, bool, T_BOOL, ListBool, T_LIST_BOOL)
     TARVIK_TUPLE_NUMBER(int, int, T_INT, ListInt, T_LIST_INT)
@@ -434,7 +438,7 @@ private:
     T& add_(Symbol const& name, Types list_kind, T const& value) {
         Value* v = get_value(name, list_kind);
         if (v && !v->get_is_ref()) return static_cast<L*>(v->get_pvalue())->push_back(value);
-        T copy(value);
+        T copy(value);  // NOLINT(performance-unnecessary-copy-initialization): value may die with the old one
         return list_for_add_<L>(name, list_kind).push_back(copy);
     }
     static void const* empty_of_(Types kind);
