@@ -380,7 +380,7 @@ int String::compare(String const& other) const {
 }
 int String::compare(WChar const* other) const {
     static constexpr WChar kEmpty[1] = {0};
-    return string_ops::compare(c_str(), length(), other ? other : kEmpty, units_in(other), false);
+    return string_ops::compare(c_str(), length(), other ? other : kEmpty, other ? units_in(other) : 0, false);
 }
 int String::compare(unsigned int pos, unsigned int count, String const& other) const {
     count = string_ops::clamp_range(length(), pos, count);
@@ -391,7 +391,7 @@ int String::compare(unsigned int pos, unsigned int count, WChar const* other) co
     static constexpr WChar kEmpty[1] = {0};
     count = string_ops::clamp_range(length(), pos, count);
     return string_ops::compare(c_str() + (pos > length() ? length() : pos), count, other ? other : kEmpty,
-                               units_in(other), false);
+                               other ? units_in(other) : 0, false);
 }
 unsigned int String::validate_range(unsigned int pos, unsigned int& count) const {
     count = string_ops::clamp_range(length(), pos, count);
@@ -402,7 +402,7 @@ int String::icompare(String const& other) const {
 }
 int String::icompare(WChar const* other) const {
     static constexpr WChar kEmpty[1] = {0};
-    return string_ops::compare(c_str(), length(), other ? other : kEmpty, units_in(other), true);
+    return string_ops::compare(c_str(), length(), other ? other : kEmpty, other ? units_in(other) : 0, true);
 }
 
 unsigned int String::find(String const& s, unsigned int pos) const {

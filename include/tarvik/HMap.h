@@ -223,6 +223,7 @@ public:
 private:
     // The map owns its nodes and bucket array as raw blocks by design (see Memory above).
     static Node** new_buckets_(unsigned int count) {
+        // NOLINTNEXTLINE(bugprone-sizeof-expression): the bucket array holds pointers to nodes
         std::size_t bytes = static_cast<std::size_t>(count) * sizeof(Node*);
         return static_cast<Node**>(hmap_memory::allocate_zeroed(bytes));
     }

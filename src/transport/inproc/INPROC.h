@@ -168,7 +168,7 @@ private:
     // The port of the listener of our name, looked up again when the one held has stopped; null when no
     // listener of the name runs.
     std::shared_ptr<InprocPort> port_() TARVIK_EXCLUDES(mutex_);
-    void hold_(std::shared_ptr<InprocPort> port) TARVIK_EXCLUDES(mutex_);
+    void hold_(std::shared_ptr<InprocPort> const& port) TARVIK_EXCLUDES(mutex_);
 
     AString const address_;
     AString name_;

@@ -230,7 +230,7 @@ INPROCListener::INPROCListener(char const* address)
 }
 
 INPROCListener::~INPROCListener() {
-    stop();
+    INPROCListener::stop();  // this class's own stop: a derived one is already gone
     INPROCListener::reset_callback();
 }
 

@@ -15,7 +15,7 @@ INPROCSender::INPROCSender(char const* address) : address_(address ? address : "
 
 INPROCSender::~INPROCSender() { hold_(nullptr); }
 
-void INPROCSender::hold_(std::shared_ptr<InprocPort> port) {
+void INPROCSender::hold_(std::shared_ptr<InprocPort> const& port) {
     std::shared_ptr<InprocPort> old;
     {
         MutexHold hold(mutex_);
