@@ -68,6 +68,7 @@ std::unique_ptr<T> make_unique(Args&&... args) {
 template <class T>
 std::unique_ptr<T[]> make_array(std::size_t n) {
     T* elements = new (std::nothrow) T[n]();
+    // NOLINTNEXTLINE(bugprone-sizeof-expression): T is the element type, a pointer for arrays of pointers
     if (!elements) out_of_memory(n * sizeof(T));
     return std::unique_ptr<T[]>(elements);
 }

@@ -73,6 +73,7 @@ SymbolEntry const** new_thread_cache() {
     if (cache_gone) return nullptr;
     thread_local ThreadCacheOwner owner;
     owner.slots = memory::make_array<SymbolEntry const*>(kCacheSlots);
+    // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): owner is thread_local, freed only at thread exit
     return cache_of_thread = owner.slots.get();
 }
 
