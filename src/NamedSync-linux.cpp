@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -145,8 +146,21 @@ int lock(Object* object, Deadline const& deadline) {
     if (deadline.is_never()) {
         r = pthread_mutex_lock(&object->shared->mutex);
     } else {
-        struct timespec const until = monotonic_time(deadline);
-        r = pthread_mutex_clocklock(&object->shared->mutex, CLOCK_MONOTONIC, &until);
+        // pthread_mutex_timedlock waits on the wall clock, so it is given short slices (thread sanitizers
+        // do not know pthread_mutex_clocklock, and a lock taken there looks unlocked to them); the
+        // monotonic deadline decides when to give up, so a change of the wall clock moves one slice at most.
+        do {
+            long const slice_ms = std::min(deadline.ms_left(), 100);
+            struct timespec until {};
+            ::clock_gettime(CLOCK_REALTIME, &until);
+            until.tv_sec += slice_ms / 1000;
+            until.tv_nsec += (slice_ms % 1000) * 1000000L;
+            if (until.tv_nsec >= 1000000000L) {
+                ++until.tv_sec;
+                until.tv_nsec -= 1000000000L;
+            }
+            r = pthread_mutex_timedlock(&object->shared->mutex, &until);
+        } while (r == ETIMEDOUT && !deadline.expired());
     }
     if (r == EOWNERDEAD) {  // its owner died holding it: the state is ours to take over
         pthread_mutex_consistent(&object->shared->mutex);
