@@ -103,6 +103,9 @@ private:
     bool attach_listener_(AString const& address, AutoRef<Listener> const& listener) TARVIK_EXCLUDES(cs_);
     // Stops the listener: never under cs_, since its in-flight requests may need it.
     static void detach_listener_(Entry& entry);
+    // Takes the first listener entry that `match` accepts out of the list and detaches it; false when none.
+    template <class Match>
+    bool remove_listener_if_(Match const& match) TARVIK_EXCLUDES(cs_);
     bool valid_request_(Tuple const& request);
 
     // Lock order: the list of managers, then this lock, then a service's section (set_manager_ runs under
@@ -235,28 +238,20 @@ void ServiceManagerImpl::detach_listener_(Entry& entry) {
 
 bool ServiceManagerImpl::remove_listener(char const* address) {
     AString const text(address ? address : "");
-    Entry found{};
-    {
-        CriticalSectionHolder hold(cs_);
-        for (auto it = listeners_.begin(); it != listeners_.end(); ++it) {
-            if (!it->address.is_empty() && it->address == text) {
-                found = *it;
-                listeners_.erase(it);
-                break;
-            }
-        }
-    }
-    if (!found.link) return false;
-    detach_listener_(found);
-    return true;
+    return remove_listener_if_([&text](Entry const& e) { return !e.address.is_empty() && e.address == text; });
 }
 
 bool ServiceManagerImpl::remove_listener(AutoRef<Listener> const& listener) {
+    return remove_listener_if_([&listener](Entry const& e) { return e.listener == listener; });
+}
+
+template <class Match>
+bool ServiceManagerImpl::remove_listener_if_(Match const& match) {
     Entry found{};
     {
         CriticalSectionHolder hold(cs_);
         for (auto it = listeners_.begin(); it != listeners_.end(); ++it) {
-            if (it->listener == listener) {
+            if (match(*it)) {
                 found = *it;
                 listeners_.erase(it);
                 break;
