@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/CriticalSection.h"
 
 TARVIK_LOG_UNIT()
@@ -20,7 +21,7 @@ struct Registry {
 };
 
 Registry& registry() {
-    static Registry* const r = new Registry;
+    static Registry* const r = memory::create<Registry>();
     return *r;
 }
 

@@ -13,7 +13,13 @@
 namespace tarvik {
 
 class ProxyService : public Service {
+    // Only make() can name it, so a proxy is made only there (with its sender) and always counted.
+    struct MakeTag {
+        explicit MakeTag() = default;
+    };
+
 public:
+    ProxyService(MakeTag, char const* class_name, char const* name, char const* address);
     // Makes the proxy and its sender ("CREATE PROXY SERVICE class=%0 name=%1 arg=%2"); the sender is null
     // when no transport accepts the address.
     static AutoRef<ProxyService> make(char const* class_name, char const* name, char const* address);
@@ -30,7 +36,6 @@ public:
     bool check_connection() TARVIK_EXCLUDES(get_cs());
 
 private:
-    ProxyService(char const* class_name, char const* name, char const* address);
     // One exchange; `session` is sent when not empty and replaced by the answer's context when it has one.
     long exchange_(Tuple& session, char const* iface_name, Tuple const& in, Tuple& out)
         TARVIK_EXCLUDES(get_cs());

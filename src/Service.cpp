@@ -5,6 +5,7 @@
 #include <unordered_map>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "ProxyService.h"
 #include "SessionContext.h"
 #include "tarvik/InterfaceFactory.h"
@@ -28,9 +29,9 @@ struct MethodRegistry {
 
 MethodRegistry* method_registry(bool make) {
     static MethodRegistry* registry = nullptr;
-    static CriticalSection* guard = new CriticalSection;
+    static CriticalSection* guard = memory::create<CriticalSection>();
     CriticalSectionHolder hold(*guard);
-    if (!registry && make) registry = new MethodRegistry;
+    if (!registry && make) registry = memory::create<MethodRegistry>();
     return registry;
 }
 

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/CriticalSection.h"
 
 TARVIK_LOG_UNIT()
@@ -20,7 +21,7 @@ struct Registry {
 };
 
 Registry& registry() {
-    static Registry* const r = new Registry;
+    static Registry* const r = memory::create<Registry>();
     return *r;
 }
 
@@ -40,7 +41,7 @@ ServiceFactory::~ServiceFactory() {
 }
 
 AutoRef<Service> ServiceFactory::create(char const* class_name, char const* name, char const* args) {
-    return AutoRef<Service>(new Service(class_name, name, args));
+    return AutoRef<Service>(memory::create<Service>(class_name, name, args));
 }
 
 AutoRef<Service> ServiceFactory::make(char const* class_name, char const* name, char const* args) {

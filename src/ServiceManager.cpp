@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "ProxyService.h"
 #include "tarvik/Log.h"
 #include "tarvik/Time.h"
@@ -37,7 +38,7 @@ struct Names {
 };
 
 Names const& names() {
-    static Names const* const n = new Names;
+    static Names const* const n = memory::create<Names>();
     return *n;
 }
 
@@ -62,7 +63,7 @@ struct ManagerList {
 };
 
 ManagerList& manager_list() {
-    static ManagerList* const list = new ManagerList;
+    static ManagerList* const list = memory::create<ManagerList>();
     return *list;
 }
 
@@ -96,7 +97,7 @@ private:
     struct Entry {
         AString address;  // "" for a listener added by reference
         AutoRef<Listener> listener;
-        Link* link;
+        std::unique_ptr<Link> link;  // the callback linked to the listener, owned here
     };
     using Key = std::pair<std::string, std::string>;
 
@@ -216,14 +217,14 @@ bool ServiceManagerImpl::add_listener(AutoRef<Listener> const& listener) {
 }
 
 bool ServiceManagerImpl::attach_listener_(AString const& address, AutoRef<Listener> const& listener) {
-    Entry entry{address, listener, new Link(*this)};
+    Entry entry{address, listener, memory::make_unique<Link>(*this)};
     listener->set_callback(*entry.link);
     if (listener->is_stopped() && !listener->start()) {
         detach_listener_(entry);
         return false;
     }
     CriticalSectionHolder hold(cs_);
-    listeners_.push_back(entry);
+    listeners_.push_back(std::move(entry));
     return true;
 }
 
@@ -231,8 +232,7 @@ void ServiceManagerImpl::detach_listener_(Entry& entry) {
     entry.listener->stop();
     // After reset_callback() no worker calls the link any more, so it can go.
     entry.link->detach();
-    delete entry.link;
-    entry.link = nullptr;
+    entry.link.reset();
     entry.listener.clear();
 }
 
@@ -252,7 +252,7 @@ bool ServiceManagerImpl::remove_listener_if_(Match const& match) {
         CriticalSectionHolder hold(cs_);
         for (auto it = listeners_.begin(); it != listeners_.end(); ++it) {
             if (match(*it)) {
-                found = *it;
+                found = std::move(*it);
                 listeners_.erase(it);
                 break;
             }
@@ -365,7 +365,7 @@ public:
 
 }  // namespace
 
-ProxyService::ProxyService(char const* class_name, char const* name, char const* address)
+ProxyService::ProxyService(MakeTag, char const* class_name, char const* name, char const* address)
     : Service(class_name, name, "") {
     set_address(address);
     sender_ = AutoRef<Sender>(address);
@@ -374,7 +374,7 @@ ProxyService::ProxyService(char const* class_name, char const* name, char const*
 AutoRef<ProxyService> ProxyService::make(char const* class_name, char const* name, char const* address) {
     if (tvk_log() > 0)
         TVK_LOG(LEVEL_LOG, "CREATE PROXY SERVICE class=%0 name=%1 arg=%2") << class_name << name << address;
-    return AutoRef<ProxyService>(new ProxyService(class_name, name, address));
+    return AutoRef<ProxyService>(memory::create<ProxyService>(MakeTag{}, class_name, name, address));
 }
 
 bool ProxyService::get_interface(char const* name, AutoRef<Interface>& out) {
@@ -384,7 +384,7 @@ bool ProxyService::get_interface(char const* name, AutoRef<Interface>& out) {
         get_interface_names(names);
         bool known = false;
         for (AString const& n : names) known = known || n == (name ? name : "");
-        if (!known) add_interface(AutoRef<Interface>(new ProxyInterface(name)));
+        if (!known) add_interface(AutoRef<Interface>(memory::create<ProxyInterface>(name)));
     }
     return Service::get_interface(name, out);
 }

@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/CommBuffer.h"
 #include "tarvik/GlobVar.h"
 #include "tarvik/IOBStream.h"
@@ -17,7 +18,7 @@ namespace {
 
 // "TVK.COMM" "REQUESTS.XML.SAVE": when not 0, ASCII request buffers are saved as debug dumps.
 GlobVarInt& requests_xml_save() {
-    static GlobVarInt* const variable = new GlobVarInt(Symbol("TVK.COMM"), Symbol("REQUESTS.XML.SAVE"), 0);
+    static GlobVarInt* const variable = memory::create<GlobVarInt>(Symbol("TVK.COMM"), Symbol("REQUESTS.XML.SAVE"), 0);
     return *variable;
 }
 // NOLINTNEXTLINE(cert-err58-cpp): built at load on purpose, so that a host can list and set it at once

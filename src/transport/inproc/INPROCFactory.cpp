@@ -6,6 +6,7 @@
 #include "transport/inproc/INPROC.h"
 
 #include "LogUnit.h"
+#include "Memory.h"
 
 TARVIK_LOG_UNIT()
 
@@ -20,7 +21,7 @@ public:
         if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "TRY CREATE '%0'") << address;
         AString name;
         if (!match_inproc_address(address, name)) return AutoRefBase();
-        AutoRefBase made(new INPROCListener(address));
+        AutoRefBase made(memory::create<INPROCListener>(address));
         if (!static_cast<Listener*>(made.get_())->is_ok()) {
             TVK_LOG(LEVEL_ERR, "INVALID INPROC ADDRESS '%0'") << address;
             return AutoRefBase();
@@ -37,7 +38,7 @@ public:
         if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "TRY CREATE '%0'") << address;
         AString name;
         if (!match_inproc_address(address, name)) return AutoRefBase();
-        AutoRefBase made(new INPROCSender(address));
+        AutoRefBase made(memory::create<INPROCSender>(address));
         if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "OK CREATE '%0'") << static_cast<void const*>(made.get_());
         return made;
     }
@@ -47,8 +48,8 @@ public:
 
 void register_inproc_factories() {
     inproc_config();
-    static ListenerFactoryINPROC* const listeners = new ListenerFactoryINPROC;
-    static SenderFactoryINPROC* const senders = new SenderFactoryINPROC;
+    static ListenerFactoryINPROC* const listeners = memory::create<ListenerFactoryINPROC>();
+    static SenderFactoryINPROC* const senders = memory::create<SenderFactoryINPROC>();
     (void)listeners;
     (void)senders;
 }

@@ -6,6 +6,7 @@
 
 #include "Deadline.h"
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/Tuple.h"
 
 TARVIK_LOG_UNIT()
@@ -21,7 +22,7 @@ struct PortRegistry {
 };
 
 PortRegistry& registry() {
-    static PortRegistry* const r = new PortRegistry;
+    static PortRegistry* const r = memory::create<PortRegistry>();
     return *r;
 }
 

@@ -7,6 +7,7 @@
 #include "transport/Transport.h"
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/Listener.h"
 #include "tarvik/Sender.h"
 
@@ -51,8 +52,8 @@ public:
 
 void register_shm_factories() {
     shm_config();
-    static ListenerFactorySHM* const listeners = new ListenerFactorySHM;
-    static SenderFactorySHM* const senders = new SenderFactorySHM;
+    static ListenerFactorySHM* const listeners = memory::create<ListenerFactorySHM>();
+    static SenderFactorySHM* const senders = memory::create<SenderFactorySHM>();
     (void)listeners;
     (void)senders;
 }

@@ -9,6 +9,7 @@
 #include "transport/Transport.h"
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/Listener.h"
 #include "tarvik/Sender.h"
 
@@ -50,8 +51,8 @@ public:
 
 void register_tcpip_factories() {
     tcpip_config();
-    static ListenerFactoryTCPIP* const listeners = new ListenerFactoryTCPIP;
-    static SenderFactoryTCPIP* const senders = new SenderFactoryTCPIP;
+    static ListenerFactoryTCPIP* const listeners = memory::create<ListenerFactoryTCPIP>();
+    static SenderFactoryTCPIP* const senders = memory::create<SenderFactoryTCPIP>();
     (void)listeners;
     (void)senders;
 }
