@@ -234,6 +234,10 @@ int receive_tuple(CommBuffer const& in, Tuple& out, unsigned int max_size, char 
         if (status == PageStreamReader::MORE) TVK_LOG(LEVEL_ERR, "BUFFER FROM %0 ENDS BEFORE ITS LAST PAGE") << peer;
         return Sender::CALL_PROTOCOL_ERROR;
     }
+    return decode_received(buffer, out, peer, was_text);
+}
+
+int decode_received(CommBuffer& buffer, Tuple& out, char const* peer, bool* was_text) {
     if (was_text) *was_text = buffer.is_ascii();
     if (out.read(buffer) < 0) {
         TVK_LOG(LEVEL_ERR, "DAMAGED TUPLE FROM %0") << peer;

@@ -167,6 +167,11 @@ TARVIK_EXPORT long encode_tuple(Tuple const& t, CommBuffer& out, bool text);
 TARVIK_EXPORT int receive_tuple(CommBuffer const& in, Tuple& out, unsigned int max_size, char const* peer,
                                 bool* was_text);
 
+// Decodes the tuple of a buffer that a PageStreamReader completed (DONE). Returns 0, or
+// Sender::CALL_PROTOCOL_ERROR with a "DAMAGED TUPLE FROM %0" record naming `peer`; `was_text` (when not
+// null) receives whether the buffer is in the text form.
+TARVIK_EXPORT int decode_received(CommBuffer& buffer, Tuple& out, char const* peer, bool* was_text);
+
 // The links of Listener::Callback to a concrete listener's workers: the callback they call, and how many
 // calls are in progress, so that unlinking waits for them (after reset() no worker calls the old callback).
 class TARVIK_EXPORT CallbackSlot {

@@ -37,7 +37,7 @@ using tarvik::test::StdoutCapture;
 
 namespace {
 
-char const* const kAddresses[] = {"INPROC:suite"};
+char const* const kAddresses[] = {"INPROC:suite", "TCPIP:127.0.0.1:0", "TCPIP:[::1]:0"};
 
 // The module of global variables of the transport an address names.
 char const* module_of(std::string const& address) {

@@ -2,16 +2,17 @@
 // ("STCPIP:host:port").
 //
 // Both take the address apart with "TCPIP:%(address)" then "STCPIP:%(address)" (no escape character).
-// The endpoints themselves come with the TCP/IP transport: until then a well-formed address is refused
-// with an "ERR" record after the "TRY CREATE" trace, so a caller learns why it got nothing. When the
-// listener exists, its factory keeps it only when is_ok() after construction (a listener that could not
-// bind is dropped); the sender factory keeps the sender as made.
+// The listener factory keeps a listener only when is_ok() after construction (one that could not bind is
+// dropped, its reason already recorded); the sender factory keeps the sender as made. The secure variant
+// needs the TLS channel, which this build does not have yet: its addresses are refused with an "ERR"
+// record, never served in plain text.
 #include "transport/Transport.h"
 
 #include "LogUnit.h"
 #include "Memory.h"
 #include "tarvik/Listener.h"
 #include "tarvik/Sender.h"
+#include "transport/tcp/TCPIP.h"
 
 TARVIK_LOG_UNIT()
 
@@ -19,38 +20,47 @@ namespace tarvik {
 
 namespace {
 
-// Shared by both factories: the trace, the match, and the record for a transport not in this build.
-bool accept_tcpip(char const* address) {
+// Shared by both factories: the trace and the match; false for an address that is not ours, or a secure one
+// this build cannot serve.
+bool accept_tcpip(char const* address, AString& host_port, bool& secure) {
     if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "TRY CREATE '%0'") << address;
+    if (!match_tcpip_address(address, host_port, secure)) return false;
+    if (secure) {
+        TVK_LOG(LEVEL_ERR, "NO STCPIP TRANSPORT IN THIS BUILD FOR '%0'") << address;
+        return false;
+    }
+    return true;
+}
+
+template <class Endpoint>
+AutoRefBase make_endpoint(char const* address, bool keep_only_ok) {
     AString host_port;
     bool secure = false;
-    if (!match_tcpip_address(address, host_port, secure)) return false;
-    TVK_LOG(LEVEL_ERR, "NO TCPIP TRANSPORT IN THIS BUILD FOR '%0'") << address;
-    return true;
+    if (!accept_tcpip(address, host_port, secure)) return AutoRefBase();
+    auto* endpoint = memory::create<Endpoint>(host_port.c_str(), secure);
+    AutoRefBase made(endpoint);
+    if (keep_only_ok && !endpoint->is_ok()) return AutoRefBase();
+    if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "OK CREATE '%0'") << static_cast<void const*>(endpoint);
+    return made;
 }
 
 class ListenerFactoryTCPIP : public RefFactory {
 public:
     char const* factory_name() const override { return Listener::factory_name(); }
-    AutoRefBase create(char const* address) override {
-        accept_tcpip(address);
-        return AutoRefBase();
-    }
+    AutoRefBase create(char const* address) override { return make_endpoint<TCPIPListener>(address, true); }
 };
 
 class SenderFactoryTCPIP : public RefFactory {
 public:
     char const* factory_name() const override { return Sender::factory_name(); }
-    AutoRefBase create(char const* address) override {
-        accept_tcpip(address);
-        return AutoRefBase();
-    }
+    AutoRefBase create(char const* address) override { return make_endpoint<TCPIPSender>(address, false); }
 };
 
 }  // namespace
 
 void register_tcpip_factories() {
     tcpip_config();
+    tcpip_limits();
     static ListenerFactoryTCPIP* const listeners = memory::create<ListenerFactoryTCPIP>();
     static SenderFactoryTCPIP* const senders = memory::create<SenderFactoryTCPIP>();
     (void)listeners;
