@@ -322,7 +322,7 @@ TcpServer::ReadResult TcpServer::read_request_(ServerConnection& c, unsigned cha
         }
         if (got == Channel::WANT_READ) return c.channel->has_buffered() ? WAIT_WRITE : WAIT_READ;
         if (got == Channel::WANT_WRITE) return WAIT_WRITE;
-        bool const mid_request = c.reader->size() > 0;
+        bool const mid_request = c.busy_since.load(std::memory_order_relaxed) != 0;
         if (got == Channel::FAILED)
             TVK_LOG(LEVEL_ERR, "TCPIP LISTENER %0: READING FROM %1 FAILED: %2") << name_ << c.peer
                                                                                 << c.channel->error_text();
