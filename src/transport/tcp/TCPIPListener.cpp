@@ -115,7 +115,10 @@ private:
     ChannelMaker const maker_;
     std::unique_ptr<socket_impl::Poller> poller_;
     std::vector<std::thread> threads_;
-    int listen_fd_ = -1;
+    // Held while the listening socket is used, so that stop() never closes it under an accept or a re-arm
+    // (its number could be reused by then).
+    AnnotatedMutex listen_mutex_;
+    int listen_fd_ TARVIK_GUARDED_BY(listen_mutex_) = -1;
     std::atomic<bool> quit_{false};
     std::atomic<bool> stopping_{false};
     std::atomic<bool> accept_paused_{false};
@@ -141,7 +144,10 @@ bool TcpServer::start(int listen_fd) {
         TVK_LOG(LEVEL_ERR, "TCPIP LISTENER %0 CANNOT START: %1") << name_ << error;
         return false;
     }
-    listen_fd_ = listen_fd;
+    {
+        MutexHold hold(listen_mutex_);
+        listen_fd_ = listen_fd;
+    }
     int const n = tcpip_limits().io_threads();
     auto self = shared_from_this();
     for (int i = 0; i < n; ++i) threads_.emplace_back([self] { self->run_(); });
@@ -149,9 +155,13 @@ bool TcpServer::start(int listen_fd) {
 }
 
 void TcpServer::stop() {
-    stopping_ = true;
-    poller_->remove(listen_fd_);
-    socket_impl::close_socket(listen_fd_);
+    {
+        MutexHold hold(listen_mutex_);
+        stopping_ = true;
+        poller_->remove(listen_fd_);
+        socket_impl::close_socket(listen_fd_);
+        listen_fd_ = -1;
+    }
     Deadline const deadline = Deadline::in_ms(comm_timeout_ms_());
     while (in_callback_.load() > 0 && !deadline.expired()) std::this_thread::sleep_for(std::chrono::milliseconds(2));
     int const stuck = in_callback_.load();
@@ -204,7 +214,9 @@ void TcpServer::run_() {
 
 void TcpServer::accept_() {
     int const max = tcpip_limits().max_connections();
-    for (int i = 0; i < 64 && !stopping_; ++i) {
+    MutexHold hold(listen_mutex_);
+    if (listen_fd_ < 0) return;
+    for (int i = 0; i < 64; ++i) {
         AString peer, error;
         int const fd = socket_impl::accept_one(listen_fd_, peer, error);
         if (fd == -1) break;
@@ -233,13 +245,13 @@ void TcpServer::accept_() {
         shared_->state.connections++;
         std::lock_guard<std::mutex> lock(c->mutex);
         {
-            MutexHold hold(connections_mutex_);
+            MutexHold connections(connections_mutex_);
             connections_.emplace(c->id, c);
         }
         c->busy_since = now_ms();  // until its opening (a handshake) is done
         if (!poller_->add(fd, c->id, false)) close_(*c, Sender::CALL_FAILED);
     }
-    if (!stopping_) poller_->rearm(listen_fd_, kListenTag, false);
+    poller_->rearm(listen_fd_, kListenTag, false);
 }
 
 void TcpServer::start_reading_(ServerConnection& c) {
@@ -404,7 +416,10 @@ void TcpServer::close_(ServerConnection& c, int why) {
 }
 
 void TcpServer::sweep_() {
-    if (accept_paused_.exchange(false) && !stopping_) poller_->rearm(listen_fd_, kListenTag, false);
+    if (accept_paused_.exchange(false)) {
+        MutexHold hold(listen_mutex_);
+        if (listen_fd_ >= 0) poller_->rearm(listen_fd_, kListenTag, false);
+    }
     int const timeout = comm_timeout_ms_();
     if (timeout < 0) return;
     std::int64_t const limit = now_ms() - timeout;
