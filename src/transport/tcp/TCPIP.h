@@ -136,7 +136,6 @@ private:
     AString const address_;    // the whole address, for records and "name"
     AString const host_port_;
     AString host_;             // the host part, for checking a certificate
-    bool const secure_;
     bool ok_ = false;
     EndpointTimes times_;
     ChannelMaker maker_;

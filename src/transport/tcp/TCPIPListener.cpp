@@ -293,6 +293,12 @@ void TcpServer::serve_(ServerConnection& c) {
             c.out_pages.clear();
             c.busy_since = 0;
             start_reading_(c);
+            // The caller reads its answer before it sends again: a read now would almost always find
+            // nothing, so the connection is armed at once unless bytes already wait on our side.
+            if (c.leftover.empty() && !c.channel->has_buffered()) {
+                if (!poller_->rearm(c.fd, c.id, false)) close_(c, Sender::CALL_FAILED);
+                return;
+            }
         }
         ReadResult const r = read_request_(c, buffer.get());
         if (r == DROP) return;  // closed inside

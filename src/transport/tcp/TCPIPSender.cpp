@@ -29,7 +29,6 @@ struct TCPIPSender::Connection {
 TCPIPSender::TCPIPSender(char const* host_port, bool secure)
     : address_(AString(secure ? "STCPIP:" : "TCPIP:") + AString(host_port ? host_port : "")),
       host_port_(host_port ? host_port : ""),
-      secure_(secure),
       maker_(plain_channel_maker()) {
     ok_ = socket_impl::resolve(host_port_, false, resolved_, resolve_error_) == 0;
     std::string const text(host_port_.c_str());
@@ -134,6 +133,10 @@ int TCPIPSender::exchange_(Connection& c, CommBuffer const& request, Tuple& repl
     CommBuffer answer;
     PageStreamReader reader(answer, tcpip_config().max_buffer_size(), address_.c_str());
     thread_local std::unique_ptr<unsigned char[]> buffer = memory::make_array<unsigned char>(kReadChunk);
+    // The answer cannot be there yet: wait for it before the first read rather than after a read that
+    // finds nothing.
+    if (!c.channel->has_buffered())
+        if (int const w = wait(Channel::WANT_READ, "answer")) return w;
     for (;;) {
         long const got = c.channel->read(buffer.get(), kReadChunk);
         if (got > 0) {
