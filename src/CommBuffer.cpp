@@ -772,16 +772,20 @@ long CommBuffer::read(Symbol& v) const {
         return -1;
     }
     auto length = static_cast<unsigned int>(n);
+    SymbolBudget* budget = SymbolBudget::current();
     if (settle(pos_, pages_.first()) && pos_.page->used - pos_.offset >= length) {
         // The whole name lies in this page: intern it from there, without a copy.
-        v = Symbol(reinterpret_cast<char const*>(pos_.page->data() + pos_.offset), length);
+        char const* text = reinterpret_cast<char const*>(pos_.page->data() + pos_.offset);
+        if (budget && !budget->intern(text, length, v)) return -1;
+        if (!budget) v = Symbol(text, length);
         pos_.offset += length;
     } else {
         AString text;
         char* dest = text.set_buffer(length);
         read_exact_(dest, length);
         text.size(length);
-        v = Symbol(text);
+        if (budget && !budget->intern(text.c_str(), length, v)) return -1;
+        if (!budget) v = Symbol(text);
     }
     if (!find_name_(v.get_entry())) add_name_(v.get_entry());
     return consumed + length;

@@ -195,6 +195,43 @@ AString const& Symbol::empty_name_() {
 
 unsigned int Symbol::count() { return registry().count(); }
 
+bool Symbol::find(char const* text, unsigned int length, Symbol& out) {
+    SymbolEntry const* entry = registry().intern(text ? text : "", text ? length : 0, false);
+    if (!entry) return false;
+    out = Symbol(entry);
+    return true;
+}
+
+// --- SymbolBudget -------------------------------------------------------------------------------------
+
+namespace {
+thread_local SymbolBudget* tls_budget = nullptr;
+}  // namespace
+
+SymbolBudget::SymbolBudget(unsigned int max_new, unsigned int max_total)
+    : max_new_(max_new), max_total_(max_total), outer_(tls_budget) {
+    tls_budget = this;
+}
+
+SymbolBudget::~SymbolBudget() { tls_budget = outer_; }
+
+SymbolBudget* SymbolBudget::current() { return tls_budget; }
+
+bool SymbolBudget::intern(char const* text, unsigned int length, Symbol& out) {
+    if (Symbol::find(text, length, out)) return true;
+    if (added_ >= max_new_) {
+        exceeded_ = TOO_MANY_NEW;
+        return false;
+    }
+    if (Symbol::count() >= max_total_) {
+        exceeded_ = REGISTRY_FULL;
+        return false;
+    }
+    out = Symbol(text, length);
+    ++added_;
+    return true;
+}
+
 long Symbol::write_xml(OBStream& out) const {
     AString const& name = get_name();
     for (unsigned int i = 0; i < name.length(); ++i) {

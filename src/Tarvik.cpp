@@ -14,6 +14,7 @@ int init() {
     TypeManager::get(T_INT);
     // The transports' factories and variables, once for the process.
     static bool const transports = [] {
+        name_limits();
         register_tcpip_factories();
         register_shm_factories();
         register_inproc_factories();

@@ -72,6 +72,9 @@ public:
 
     // How many names the registry holds (the next number to be handed out).
     static unsigned int count();
+    // The symbol of `length` bytes of `text` when that name is interned already (nothing is interned);
+    // false otherwise.
+    static bool find(char const* text, unsigned int length, Symbol& out);
 
 private:
     static AString const& empty_name_();
@@ -79,5 +82,42 @@ private:
 };
 
 using SymbolList = List<Symbol, TvkListAllocator<Symbol>>;
+
+// A limit on the names a thread may add to the registry while it reads something it does not trust.
+//
+// Names are interned for the life of the process, so a peer that sends ever new attribute names would grow
+// the registry for good. While a SymbolBudget lives, CommBuffer::read(Symbol&) on the same thread looks a
+// name up first and interns a new one only when fewer than `max_new` names were added under this budget and
+// the registry holds fewer than `max_total`; otherwise the read fails (the buffer's decoding with it) and
+// exceeded() says why. Names already interned cost nothing. Budgets nest; the innermost one counts. The
+// transports put one around every buffer they decode from a peer, with the limits of the "TVK.COMM"
+// variables "NAMES.MAX_NEW_PER_BUFFER" (10000) and "NAMES.MAX_TOTAL" (1000000).
+//
+// Thread safety: a budget belongs to the thread that made it and must be destroyed there.
+class TARVIK_EXPORT SymbolBudget {
+public:
+    enum Exceeded { NONE = 0, TOO_MANY_NEW = 1, REGISTRY_FULL = 2 };
+
+    SymbolBudget(unsigned int max_new, unsigned int max_total);
+    ~SymbolBudget();
+    SymbolBudget(SymbolBudget const&) = delete;
+    SymbolBudget& operator=(SymbolBudget const&) = delete;
+
+    // The budget in force on this thread, or null.
+    static SymbolBudget* current();
+    // Interns `length` bytes of `text` into `out` if the budget allows; false (and exceeded() set) if not.
+    bool intern(char const* text, unsigned int length, Symbol& out);
+    Exceeded exceeded() const { return exceeded_; }
+    unsigned int added() const { return added_; }
+    unsigned int max_new() const { return max_new_; }
+    unsigned int max_total() const { return max_total_; }
+
+private:
+    unsigned int const max_new_;
+    unsigned int const max_total_;
+    unsigned int added_ = 0;
+    Exceeded exceeded_ = NONE;
+    SymbolBudget* outer_;
+};
 
 }  // namespace tarvik

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "LogUnit.h"
+#include "Memory.h"
 #include "tarvik/CommBuffer.h"
 #include "tarvik/Sender.h"
 #include "tarvik/Tuple.h"
@@ -237,10 +238,32 @@ int receive_tuple(CommBuffer const& in, Tuple& out, unsigned int max_size, char 
     return decode_received(buffer, out, peer, was_text);
 }
 
+NameLimits::NameLimits()
+    : max_new_(Symbol("TVK.COMM"), Symbol("NAMES.MAX_NEW_PER_BUFFER"), kDefaultMaxNew),
+      max_total_(Symbol("TVK.COMM"), Symbol("NAMES.MAX_TOTAL"), kDefaultMaxTotal) {}
+
+unsigned int NameLimits::max_new() const { return max_new_.get() < 0 ? 0u : static_cast<unsigned int>(max_new_.get()); }
+unsigned int NameLimits::max_total() const {
+    return max_total_.get() < 0 ? 0u : static_cast<unsigned int>(max_total_.get());
+}
+
+NameLimits& name_limits() {
+    static NameLimits* const limits = memory::create<NameLimits>();
+    return *limits;
+}
+
 int decode_received(CommBuffer& buffer, Tuple& out, char const* peer, bool* was_text) {
     if (was_text) *was_text = buffer.is_ascii();
+    NameLimits const& limits = name_limits();
+    SymbolBudget budget(limits.max_new(), limits.max_total());
     if (out.read(buffer) < 0) {
-        TVK_LOG(LEVEL_ERR, "DAMAGED TUPLE FROM %0") << peer;
+        if (budget.exceeded() == SymbolBudget::TOO_MANY_NEW)
+            TVK_LOG(LEVEL_ERR, "BUFFER FROM %0 REFUSED: MORE THAN %1 NEW NAMES") << peer << budget.max_new();
+        else if (budget.exceeded() == SymbolBudget::REGISTRY_FULL)
+            TVK_LOG(LEVEL_ERR, "BUFFER FROM %0 REFUSED: THE NAME REGISTRY HOLDS %1 NAMES, ITS LIMIT")
+                << peer << Symbol::count();
+        else
+            TVK_LOG(LEVEL_ERR, "DAMAGED TUPLE FROM %0") << peer;
         out.clear();
         return Sender::CALL_PROTOCOL_ERROR;
     }

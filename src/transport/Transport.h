@@ -93,6 +93,26 @@ private:
     GlobVarInt max_buffer_size_;
 };
 
+// The limits on names a peer may add to the process's name registry (SymbolBudget, Symbol.h), for every
+// transport, in the module "TVK.COMM":
+//   NAMES.MAX_NEW_PER_BUFFER  10000    new names one decoded request or answer may intern
+//   NAMES.MAX_TOTAL           1000000  names the registry may hold before buffers with new names are refused
+// A buffer over either limit is refused whole, with an "ERR" record naming the peer (CALL_PROTOCOL_ERROR
+// for a sender, a dropped request for a listener); the names it had interned before that stay.
+class TARVIK_EXPORT NameLimits {
+public:
+    NameLimits();
+    unsigned int max_new() const;
+    unsigned int max_total() const;
+    static constexpr int kDefaultMaxNew = 10000;
+    static constexpr int kDefaultMaxTotal = 1000000;
+
+private:
+    GlobVarInt max_new_;
+    GlobVarInt max_total_;
+};
+TARVIK_EXPORT NameLimits& name_limits();
+
 // The modules of the transports; each made on first use (init() makes them all).
 TARVIK_EXPORT TransportConfig& tcpip_config();
 TARVIK_EXPORT TransportConfig& shm_config();

@@ -340,6 +340,17 @@ TEST_F(HostilePeer, BytesThatAreNoTupleAreDropped) {
     expect_dropped(bytes, "DAMAGED TUPLE FROM");
 }
 
+TEST_F(HostilePeer, RequestInterningMoreNewNamesThanAllowedIsDropped) {
+    IntVar limit("TVK.COMM", "NAMES.MAX_NEW_PER_BUFFER", 3);
+    Tuple args;
+    std::string const stem = "tcpname" + std::to_string(::getpid()) + "_";
+    for (int i = 0; i < 4; ++i) args.set_int((stem + std::to_string(i) + "X").c_str(), i);
+    std::string bytes = request_bytes(args);
+    for (std::size_t at = bytes.find(stem); at != std::string::npos; at = bytes.find(stem, at + 1))
+        bytes[at + stem.size() + 1] = 'Y';  // names this process never interned
+    expect_dropped(bytes, "REFUSED: MORE THAN 3 NEW NAMES");
+}
+
 TEST_F(HostilePeer, ConnectionsBeyondTheLimitAreClosedAtOnceWithARecord) {
     IntVar limit("TVK.TCPIP", "CONNECTIONS.MAX", 2);
     int const a = raw_connect(server.port()), b = raw_connect(server.port());

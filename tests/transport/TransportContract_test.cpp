@@ -8,6 +8,9 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <vector>
+
+#include <unistd.h>
 
 #include "ServiceSupport.h"
 #include "TestSupport.h"
@@ -31,15 +34,23 @@ TEST(TransportConfig, EveryModuleDeclaresItsVariablesWithTheirDefaults) {
     char const* const names[] = {"COMM.FORCE_TIMEOUT", "COMM.DEFAULT_TIMEOUT", "CONNECTION.FORCE_TIMEOUT",
                                  "CONNECTION.DEFAULT_TIMEOUT", "COMM.FORMAT", "COMM.MAX_BUFFER_SIZE"};
     int const defaults[] = {-1, 10000, -1, 10000, 0, 64 << 20};
-    for (char const* module : {"TVK.TCPIP", "TVK.SHM", "TVK.INPROC"}) {
+    struct Module {
+        char const* name;
+        unsigned int variables;  // the six above and the transport's own
+    } const modules[] = {{"TVK.TCPIP", 8}, {"TVK.SHM", 6}, {"TVK.INPROC", 6}};
+    for (Module const& module : modules) {
         SymbolList listed;
-        GlobVarInt::get_names(Symbol(module), listed);
+        GlobVarInt::get_names(Symbol(module.name), listed);
         for (int i = 0; i < 6; ++i) {
-            SCOPED_TRACE(std::string(module) + " " + names[i]);
-            EXPECT_EQ(GlobVarInt::get(Symbol(module), Symbol(names[i])), defaults[i]);
+            SCOPED_TRACE(std::string(module.name) + " " + names[i]);
+            EXPECT_EQ(GlobVarInt::get(Symbol(module.name), Symbol(names[i])), defaults[i]);
         }
-        EXPECT_EQ(listed.size(), 6u) << module;
+        EXPECT_EQ(listed.size(), module.variables) << module.name;
     }
+    EXPECT_EQ(GlobVarInt::get(Symbol("TVK.TCPIP"), Symbol("IO.THREADS")), 0);
+    EXPECT_EQ(GlobVarInt::get(Symbol("TVK.TCPIP"), Symbol("CONNECTIONS.MAX")), 10000);
+    EXPECT_EQ(GlobVarInt::get(Symbol("TVK.COMM"), Symbol("NAMES.MAX_NEW_PER_BUFFER")), 10000);
+    EXPECT_EQ(GlobVarInt::get(Symbol("TVK.COMM"), Symbol("NAMES.MAX_TOTAL")), 1000000);
 }
 
 TEST(TransportConfig, EffectiveTimeoutsComeFromTheVariablesAtEveryUse) {
@@ -149,8 +160,8 @@ TEST(TransportFactories, TraceTheAddressAndMakeOnlyWhatThisBuildHas) {
         bool made;
         char const* refusal;
     } const cases[] = {
-        {"TCPIP:127.0.0.1:5000", "TCPIPFACTORY", false, "NO TCPIP TRANSPORT IN THIS BUILD FOR 'TCPIP:127.0.0.1:5000'"},
-        {"STCPIP:host:1", "TCPIPFACTORY", false, "NO TCPIP TRANSPORT IN THIS BUILD FOR 'STCPIP:host:1'"},
+        {"TCPIP:127.0.0.1:0", "TCPIPFACTORY", true, nullptr},
+        {"STCPIP:host:1", "TCPIPFACTORY", false, "NO STCPIP TRANSPORT IN THIS BUILD FOR 'STCPIP:host:1'"},
         {"SHM:name:65536", "SHMFACTORY", false, "NO SHM TRANSPORT IN THIS BUILD FOR 'SHM:name:65536'"},
         {"SHM:name:-4", "SHMFACTORY", false, "INVALID SHARED MEMORY SIZE -4 IN 'SHM:name:-4'"},
         {"INPROC:factory", "INPROCFACTORY", true, nullptr},
@@ -301,6 +312,81 @@ TEST(ReceiveTuple, DamagedOrCutBuffersFailTheExchangeWithARecord) {
         EXPECT_GE(log.records_with("ERR|"), 1);
         if (c.result == Sender::CALL_PROTOCOL_ERROR && std::string(c.what) == "damaged") EXPECT_TRUE(got.is_empty());
     }
+}
+
+// --- names a peer may add -------------------------------------------------------------------------------
+
+// A buffer whose tuple has `n` attribute names never interned in this process: names of the same length
+// are encoded, then their last letter is changed in the bytes (so the new names exist only there). The
+// new names go to `names`.
+CommBuffer buffer_with_new_names(int n, std::vector<std::string>* names = nullptr) {
+    static int round = 0;
+    std::string const stem = "nl" + std::to_string(::getpid()) + "r" + std::to_string(round++) + "k";
+    for (int i = 0; names && i < n; ++i) names->push_back(stem + std::to_string(i) + "Y");
+    Tuple t("req");
+    for (int i = 0; i < n; ++i) t.set_int((stem + std::to_string(i) + "X").c_str(), i);
+    CommBuffer b;
+    EXPECT_GT(encode_tuple(t, b, false), 0);
+    CommBuffer::PageIterator pages(b);
+    while (pages.hasNext()) {
+        CommBuffer::Page* page = const_cast<CommBuffer::Page*>(pages.next());
+        for (unsigned int i = 21; i + 1 < page->used; ++i)
+            if (page->data()[i] == 'X' && page->data()[i - 1] >= '0' && page->data()[i - 1] <= '9') page->data()[i] = 'Y';
+    }
+    return b;
+}
+
+TEST(NameLimits, BufferWithMoreNewNamesThanAllowedIsRefusedAndOneAtTheLimitPasses) {
+    init();
+    IntVar limit("TVK.COMM", "NAMES.MAX_NEW_PER_BUFFER", 5);
+    struct Case {
+        int names;
+        int result;
+        unsigned int interned;  // of the new names, after the read
+    } const cases[] = {{5, 0, 5}, {6, Sender::CALL_PROTOCOL_ERROR, 5}, {0, 0, 0}};
+    for (Case const& c : cases) {
+        SCOPED_TRACE(c.names);
+        std::vector<std::string> names;
+        CommBuffer const b = buffer_with_new_names(c.names, &names);
+        StdoutCapture log;
+        Tuple out;
+        EXPECT_EQ(receive_tuple(b, out, 1u << 20, "peer-x", nullptr), c.result);
+        unsigned int interned = 0;
+        Symbol found;
+        for (std::string const& name : names)
+            interned += Symbol::find(name.c_str(), static_cast<unsigned int>(name.size()), found) ? 1 : 0;
+        EXPECT_EQ(interned, c.interned);
+        if (c.result) {
+            EXPECT_EQ(log.records_with("BUFFER FROM peer-x REFUSED: MORE THAN 5 NEW NAMES"), 1) << log.text();
+            EXPECT_TRUE(out.is_empty());
+        } else {
+            EXPECT_EQ(out.get_count(), static_cast<unsigned int>(c.names));
+        }
+    }
+}
+
+TEST(NameLimits, NamesAlreadyInternedDoNotCountAndAFullRegistryRefusesNewOnes) {
+    init();
+    Tuple t("req");
+    t.set_int("known-a", 1);
+    t.set_int("known-b", 2);
+    CommBuffer known;
+    ASSERT_GT(encode_tuple(t, known, false), 0);
+    Tuple out;
+    {
+        IntVar none("TVK.COMM", "NAMES.MAX_NEW_PER_BUFFER", 0);
+        EXPECT_EQ(receive_tuple(known, out, 1u << 20, "peer", nullptr), 0);
+        EXPECT_EQ(out.get_int("known-b", 0), 2);
+    }
+    std::vector<std::string> names;
+    CommBuffer const fresh = buffer_with_new_names(1, &names);
+    IntVar full("TVK.COMM", "NAMES.MAX_TOTAL", static_cast<int>(Symbol::count()));
+    StdoutCapture log;
+    EXPECT_EQ(receive_tuple(fresh, out, 1u << 20, "peer-y", nullptr), Sender::CALL_PROTOCOL_ERROR);
+    Symbol found;
+    EXPECT_FALSE(Symbol::find(names[0].c_str(), static_cast<unsigned int>(names[0].size()), found));
+    EXPECT_EQ(log.records_with("BUFFER FROM peer-y REFUSED: THE NAME REGISTRY HOLDS"), 1) << log.text();
+    EXPECT_EQ(receive_tuple(known, out, 1u << 20, "peer", nullptr), 0);  // known names still pass
 }
 
 // --- the callback slot ------------------------------------------------------------------------------------
