@@ -1,6 +1,10 @@
 // services.cpp: a service published on a manager, and a client that calls it by specification string.
 //
-//     tarvik_services [address]        (default "INPROC:demo")
+//     tarvik_services [address]               host and client in this process (default "INPROC:demo")
+//     tarvik_services serve ADDRESS           the host alone, until Ctrl-C: "TCPIP:127.0.0.1:5000", ...
+//     tarvik_services call ADDRESS            the client alone, against a host started as above
+//
+// Across two processes:  tarvik_services serve TCPIP:127.0.0.1:5000 &  tarvik_services call TCPIP:127.0.0.1:5000
 //
 // The host side declares a service class "demo.calc" with two interfaces, "calc" and "text", each made by an
 // InterfaceFactory and each with its methods; a ServiceFactory makes services of the class with those
@@ -9,7 +13,9 @@
 // there and gives a proxy, and calls both interfaces through it: each call travels as a request tuple
 // through the transport to the manager, which runs the method and sends the answer back. The client keeps
 // a session context: the service counts the client's calls in it.
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 
 #include "tarvik/tarvik.h"
 
@@ -77,28 +83,30 @@ bool show_call(Service& remote, char const* iface, Tuple const& in) {
     return r >= 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    init();
-    AString const address(argc > 1 ? argv[1] : "INPROC:demo");
-
-    // Host: make the service, publish it, listen on the address.
+// Host: makes the service, publishes it and listens on the address; the bound address goes to `bound`.
+AutoRef<ServiceManager> host(AString const& address, AString& bound) {
     AutoRef<ServiceManager> manager = ServiceManager::create();
     AutoRef<Service> service = Service::create("demo.calc:main");
-    if (!service || !service->publish(manager) || !manager->add_listener(address.c_str())) {
+    AutoRef<Listener> listener;
+    if (service && service->publish(manager)) listener = manager->add_listener(address.c_str());
+    if (!listener) {
         bcout() << "cannot publish demo.calc:main on " << address << bendl();
-        return 1;
+        return {};
     }
-    bcout() << "published demo.calc:main on " << address << bendl();
+    Tuple param;
+    bound = listener->get_param(param).get_astring("name", "");
+    bcout() << "published demo.calc:main on " << bound << bendl();
+    return manager;
+}
 
-    // Client: bind by specification string and call both interfaces.
+// Client: binds by specification string and calls both interfaces.
+bool client(AString const& address) {
     AString text("demo.calc:main@");
     text += address;
     AutoRef<Service> remote = Service::bind(text.c_str());
     if (!remote) {
         bcout() << "cannot bind " << text << bendl();
-        return 1;
+        return false;
     }
     bcout() << "bound " << text << (remote->is_proxy() ? " (a proxy)" : "") << bendl();
     remote->set_session_id("client-1");
@@ -112,8 +120,44 @@ int main(int argc, char** argv) {
     bool ok = show_call(*remote, "calc", add);
     ok = show_call(*remote, "calc", mul) && ok;
     ok = show_call(*remote, "text", upper) && ok;
+    return ok;
+}
 
-    remote.clear();
-    manager->remove_listener(address.c_str());
+// Waits for Ctrl-C (SIGINT) or SIGTERM.
+void wait_for_stop() {
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    int received = 0;
+    sigwait(&stop, &received);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    init();
+    if (argc == 3 && std::strcmp(argv[1], "serve") == 0) {
+        // Blocked before any thread starts, so that every thread leaves them to sigwait.
+        sigset_t stop;
+        sigemptyset(&stop);
+        sigaddset(&stop, SIGINT);
+        sigaddset(&stop, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+        AString bound;
+        AutoRef<ServiceManager> manager = host(AString(argv[2]), bound);
+        if (!manager) return 1;
+        wait_for_stop();
+        manager->remove_listener(bound.c_str());
+        return 0;
+    }
+    if (argc == 3 && std::strcmp(argv[1], "call") == 0) return client(AString(argv[2])) ? 0 : 1;
+
+    AString const address(argc > 1 ? argv[1] : "INPROC:demo");
+    AString bound;
+    AutoRef<ServiceManager> manager = host(address, bound);
+    if (!manager) return 1;
+    bool const ok = client(bound);
+    manager->remove_listener(bound.c_str());
     return ok ? 0 : 1;
 }
