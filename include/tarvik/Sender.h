@@ -43,6 +43,8 @@ public:
         CALL_PEER_CLOSED = -1000013,           // the listener closed or stopped before answering
         CALL_PROTOCOL_ERROR = -1000014,        // the request could not be encoded or the answer decoded
         CALL_TOO_LARGE = -1000015,             // a buffer beyond the transport's size limit
+        CALL_HANDSHAKE_FAILED = -1000016,      // the secure connection could not be opened (certificate
+                                               // refused, no common protocol): the record says why
     };
 
     Sender() = default;

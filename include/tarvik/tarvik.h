@@ -26,6 +26,7 @@
 #include "tarvik/Path.h"
 #include "tarvik/Processor.h"
 #include "tarvik/Sender.h"
+#include "tarvik/Tls.h"
 #include "tarvik/Service.h"
 #include "tarvik/ServiceFactory.h"
 #include "tarvik/ServiceManager.h"

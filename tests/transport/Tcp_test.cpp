@@ -213,16 +213,6 @@ TEST(Tcp, ParametersReportClassTimeoutsBoundNameAndCounters) {
     EXPECT_TRUE(sender->is_connected());
 }
 
-TEST(Tcp, SecureAddressIsRefusedWithARecordNeverServedInPlainText) {
-    init();
-    StdoutCapture capture;
-    AutoRef<Listener> listener("STCPIP:127.0.0.1:0");
-    AutoRef<Sender> sender("STCPIP:127.0.0.1:1");
-    EXPECT_FALSE(listener);
-    EXPECT_FALSE(sender);
-    EXPECT_EQ(capture.records_with("NO STCPIP TRANSPORT IN THIS BUILD FOR 'STCPIP:127.0.0.1:"), 2) << capture.text();
-}
-
 // --- the failures of a sender ----------------------------------------------------------------------------
 
 TEST(Tcp, SenderFailuresHaveTheirOwnResultsAndRecords) {

@@ -18,6 +18,7 @@
 
 #include "ServiceSupport.h"
 #include "TestSupport.h"
+#include "TlsTestCerts.h"
 #include "tarvik/Blob.h"
 #include "tarvik/GlobVar.h"
 #include "tarvik/Interface.h"
@@ -26,6 +27,7 @@
 #include "tarvik/Service.h"
 #include "tarvik/ServiceManager.h"
 #include "tarvik/Time.h"
+#include "tarvik/Tls.h"
 #include "tarvik/Tuple.h"
 
 using namespace tarvik;
@@ -37,7 +39,22 @@ using tarvik::test::StdoutCapture;
 
 namespace {
 
-char const* const kAddresses[] = {"INPROC:suite", "TCPIP:127.0.0.1:0", "TCPIP:[::1]:0"};
+char const* const kAddresses[] = {"INPROC:suite", "TCPIP:127.0.0.1:0", "TCPIP:[::1]:0", "STCPIP:127.0.0.1:0"};
+
+// The secure addresses run with certificates made for this program: every endpoint of the process presents
+// the listener certificate and trusts the authority that signed it.
+class SecureDefaults : public ::testing::Environment {
+public:
+    void SetUp() override {
+        static tarvik::test::TlsTestCerts const* const certs = new tarvik::test::TlsTestCerts;
+        TlsOptions options;
+        options.cert_file = certs->crt("server").c_str();
+        options.key_file = certs->key("server").c_str();
+        options.ca_file = certs->crt("ca").c_str();
+        set_tls_defaults(options);
+    }
+};
+::testing::Environment* const secure_defaults = ::testing::AddGlobalTestEnvironment(new SecureDefaults);
 
 // The module of global variables of the transport an address names.
 char const* module_of(std::string const& address) {

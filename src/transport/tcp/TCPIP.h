@@ -34,7 +34,9 @@
 // with an "ERR" record naming the address and the system error.
 //
 // Channels: every connection reads and writes through a Channel (Channel.h) made by the endpoint's
-// ChannelMaker; the plain one is the default.
+// ChannelMaker: plain for "TCPIP:", TLS for "STCPIP:" (tls/Tls.h; the handshake runs as the channel's
+// opening, bounded like a request: by the connection time-out on the sender, by the stall sweep on the
+// listener). A secure listener that cannot load its certificate fails start() with a record.
 //
 // Thread safety: as Listener.h and Sender.h state. Lock order: TCPIPListener::mutex_, then TcpServer's
 // connections lock, then a ServerConnection's lock is never taken under the connections lock (the sweep
@@ -70,10 +72,13 @@ struct TcpipLimits {
 };
 TcpipLimits& tcpip_limits();
 
-// Makes the channel of a new connection: `server` for the accepting side; `host` is the name the client
-// asked for (for checking a certificate). Null when it cannot be made.
-using ChannelMaker = std::function<ChannelPtr(int fd, bool server, char const* host)>;
+// Makes the channel of a new connection; `host` is the name a client asked for (for checking a
+// certificate), null on the accepting side. Null, with the reason in `error`, when it cannot be made.
+using ChannelMaker = std::function<ChannelPtr(int fd, char const* host, AString& error)>;
 ChannelMaker plain_channel_maker();
+// The maker of an endpoint: TLS over `tls` when it is not null, plain otherwise.
+class TlsEndpoint;
+ChannelMaker channel_maker(std::shared_ptr<TlsEndpoint> const& tls);
 
 // What a listener shares with its server's threads, which may outlive it (a thread stuck in a callback).
 struct TcpShared {
@@ -96,7 +101,7 @@ public:
     void set_callback(Callback& callback) override;
     void reset_callback() override;
     State& get_state() override { return shared_->state; }
-    void set_param(Tuple const& param) override { shared_->times.set_param(param); }
+    void set_param(Tuple const& param) override;
     Tuple& get_param(Tuple& param) override TARVIK_EXCLUDES(mutex_);
 
 private:
@@ -106,6 +111,7 @@ private:
     bool const secure_;
     bool ok_ = false;
     std::shared_ptr<TcpShared> const shared_;
+    std::shared_ptr<TlsEndpoint> const tls_;  // null for plain TCP/IP
     ChannelMaker maker_;
     AnnotatedMutex mutex_;  // serialises start/stop/get_param
     socket_impl::SocketAddress bound_ TARVIK_GUARDED_BY(mutex_);
@@ -122,7 +128,7 @@ public:
     bool is_ok() override { return ok_; }
     bool is_connected() override TARVIK_EXCLUDES(mutex_);
     int call(Tuple const& request, Tuple& reply) override TARVIK_EXCLUDES(mutex_);
-    void set_param(Tuple const& param) override { times_.set_param(param); }
+    void set_param(Tuple const& param) override;
     Tuple& get_param(Tuple& param) override TARVIK_EXCLUDES(mutex_);
 
     struct Connection;
@@ -138,6 +144,7 @@ private:
     AString host_;             // the host part, for checking a certificate
     bool ok_ = false;
     EndpointTimes times_;
+    std::shared_ptr<TlsEndpoint> const tls_;  // null for plain TCP/IP
     ChannelMaker maker_;
     std::vector<socket_impl::SocketAddress> resolved_;  // set at construction
     AString resolve_error_;

@@ -3,9 +3,7 @@
 //
 // Both take the address apart with "TCPIP:%(address)" then "STCPIP:%(address)" (no escape character).
 // The listener factory keeps a listener only when is_ok() after construction (one that could not bind is
-// dropped, its reason already recorded); the sender factory keeps the sender as made. The secure variant
-// needs the TLS channel, which this build does not have yet: its addresses are refused with an "ERR"
-// record, never served in plain text.
+// dropped, its reason already recorded); the sender factory keeps the sender as made.
 #include "transport/Transport.h"
 
 #include "LogUnit.h"
@@ -20,16 +18,10 @@ namespace tarvik {
 
 namespace {
 
-// Shared by both factories: the trace and the match; false for an address that is not ours, or a secure one
-// this build cannot serve.
+// Shared by both factories: the trace and the match; false for an address that is not ours.
 bool accept_tcpip(char const* address, AString& host_port, bool& secure) {
     if (tvk_log() > 1) TVK_LOG(LEVEL_LOG, "TRY CREATE '%0'") << address;
-    if (!match_tcpip_address(address, host_port, secure)) return false;
-    if (secure) {
-        TVK_LOG(LEVEL_ERR, "NO STCPIP TRANSPORT IN THIS BUILD FOR '%0'") << address;
-        return false;
-    }
-    return true;
+    return match_tcpip_address(address, host_port, secure);
 }
 
 template <class Endpoint>

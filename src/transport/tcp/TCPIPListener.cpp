@@ -12,6 +12,7 @@
 #include "Memory.h"
 #include "tarvik/CommBuffer.h"
 #include "tarvik/Tuple.h"
+#include "transport/tls/Tls.h"
 
 TARVIK_LOG_UNIT()
 
@@ -51,7 +52,12 @@ TcpipLimits& tcpip_limits() {
 }
 
 ChannelMaker plain_channel_maker() {
-    return [](int fd, bool, char const*) { return socket_impl::make_plain_channel(fd); };
+    return [](int fd, char const*, AString&) { return socket_impl::make_plain_channel(fd); };
+}
+
+ChannelMaker channel_maker(std::shared_ptr<TlsEndpoint> const& tls) {
+    if (!tls) return plain_channel_maker();
+    return [tls](int fd, char const* host, AString& error) { return tls->make_channel(fd, host, error); };
 }
 
 // --- one accepted connection ----------------------------------------------------------------------------
@@ -237,8 +243,9 @@ void TcpServer::accept_() {
             continue;
         }
         auto c = std::make_shared<ServerConnection>(next_id_++, fd, peer);
-        c->channel = maker_(fd, true, nullptr);
+        c->channel = maker_(fd, nullptr, error);
         if (!c->channel) {
+            TVK_LOG(LEVEL_ERR, "TCPIP LISTENER %0: NO CHANNEL FOR %1: %2") << name_ << peer << error;
             socket_impl::close_socket(fd);
             continue;
         }
@@ -338,7 +345,10 @@ TcpServer::ReadResult TcpServer::read_request_(ServerConnection& c, unsigned cha
             if (r != WAIT_READ) return r;
             continue;
         }
-        if (got == Channel::WANT_READ) return c.channel->has_buffered() ? WAIT_WRITE : WAIT_READ;
+        if (got == Channel::WANT_READ) {
+            if (c.channel->has_buffered()) continue;
+            return WAIT_READ;
+        }
         if (got == Channel::WANT_WRITE) return WAIT_WRITE;
         bool const mid_request = c.busy_since.load(std::memory_order_relaxed) != 0;
         if (got == Channel::FAILED)
@@ -455,7 +465,8 @@ TCPIPListener::TCPIPListener(char const* host_port, bool secure)
     : requested_(host_port ? host_port : ""),
       secure_(secure),
       shared_(std::make_shared<TcpShared>()),
-      maker_(plain_channel_maker()) {
+      tls_(secure ? std::make_shared<TlsEndpoint>(true) : nullptr),
+      maker_(channel_maker(tls_)) {
     MutexHold hold(mutex_);
     ok_ = bind_();
 }
@@ -495,6 +506,12 @@ bool TCPIPListener::start() {
     if (!ok_) return false;
     if (server_) return true;
     if (listen_fd_ < 0 && !bind_()) return false;
+    AString error;
+    if (tls_ && !tls_->ready(error)) {
+        TVK_LOG(LEVEL_ERR, "TCPIP LISTENER %0 CANNOT START: %1") << name_ << error;
+        shared_->state.last_error = Sender::CALL_NOT_READY;
+        return false;
+    }
     auto server = std::make_shared<TcpServer>(name_, shared_, maker_);
     if (!server->start(listen_fd_)) return false;
     listen_fd_ = -1;  // the server's now
@@ -529,8 +546,14 @@ void TCPIPListener::reset_callback() {
     Listener::reset_callback();
 }
 
+void TCPIPListener::set_param(Tuple const& param) {
+    shared_->times.set_param(param);
+    if (tls_) tls_->set_param(param);
+}
+
 Tuple& TCPIPListener::get_param(Tuple& param) {
     param.set_class_name(Symbol("tarvik.TCPIPListener"));
+    if (tls_) tls_->put(param);
     shared_->times.put(param, true);
     {
         MutexHold hold(mutex_);

@@ -8,6 +8,7 @@
 #include "Memory.h"
 #include "tarvik/CommBuffer.h"
 #include "tarvik/Tuple.h"
+#include "transport/tls/Tls.h"
 
 TARVIK_LOG_UNIT()
 
@@ -29,7 +30,8 @@ struct TCPIPSender::Connection {
 TCPIPSender::TCPIPSender(char const* host_port, bool secure)
     : address_(AString(secure ? "STCPIP:" : "TCPIP:") + AString(host_port ? host_port : "")),
       host_port_(host_port ? host_port : ""),
-      maker_(plain_channel_maker()) {
+      tls_(secure ? std::make_shared<TlsEndpoint>(false) : nullptr),
+      maker_(channel_maker(tls_)) {
     ok_ = socket_impl::resolve(host_port_, false, resolved_, resolve_error_) == 0;
     std::string const text(host_port_.c_str());
     auto const colon = text.rfind(':');
@@ -76,8 +78,8 @@ int TCPIPSender::connect_(std::unique_ptr<Connection>& out, Deadline const& dead
         int r = socket_impl::connect_start(a, c->fd, error);
         if (r == socket_impl::IN_PROGRESS) r = socket_impl::connect_finish(c->fd, a, deadline.ms_left(), error);
         if (r == socket_impl::CONNECTED) {
-            c->channel = maker_(c->fd, false, host_.c_str());
-            if (!c->channel) return fail_(CALL_NOT_READY, AString("no channel"));
+            c->channel = maker_(c->fd, host_.c_str(), error);
+            if (!c->channel) return fail_(CALL_NOT_READY, error);
             out = std::move(c);
             MutexHold hold(mutex_);
             ++open_;
@@ -112,7 +114,7 @@ int TCPIPSender::exchange_(Connection& c, CommBuffer const& request, Tuple& repl
             if (int const w = wait(r, "opening")) return w;
             continue;
         }
-        return fail_(CALL_PROTOCOL_ERROR, AString("opening the connection: ") + AString(c.channel->error_text()));
+        return fail_(CALL_HANDSHAKE_FAILED, AString(c.channel->error_text()));
     }
     CommBuffer::PageIterator pages(request);
     while (pages.hasNext()) {
@@ -190,8 +192,14 @@ int TCPIPSender::call(Tuple const& request, Tuple& reply) {
     return r;
 }
 
+void TCPIPSender::set_param(Tuple const& param) {
+    times_.set_param(param);
+    if (tls_) tls_->set_param(param);
+}
+
 Tuple& TCPIPSender::get_param(Tuple& param) {
     param.set_class_name(Symbol("tarvik.TCPIPSender"));
+    if (tls_) tls_->put(param);
     times_.put(param, true);
     param.set_astring(Symbol("name"), address_);
     int open;
