@@ -229,7 +229,7 @@ int GlobVar::load_ini(IBStream& in, char const* source_name) {
         Symbol name(entry.key);
         bool known = false;
         int applied = 0;  // variables this entry set: one per kind of the name whose form the value has
-        for (Kind kind : {KIND_BOOL, KIND_INT, KIND_LOG}) {
+        for (Kind kind : {KIND_BOOL, KIND_INT, KIND_LOG, KIND_TEXT}) {
             GlobVarEntry* e;
             {
                 Registry& r = registry();
@@ -237,10 +237,11 @@ int GlobVar::load_ini(IBStream& in, char const* source_name) {
                 e = r.find_entry(module, name, kind);
                 if (!e) continue;
                 known = true;
-                int value;
-                bool ok = kind == KIND_INT ? parse_int(entry.value, value)
+                int value = 0;
+                bool ok = kind == KIND_INT    ? parse_int(entry.value, value)
                           : kind == KIND_BOOL ? parse_bool(entry.value, value)
-                                              : parse_level(entry.value, value);
+                          : kind == KIND_LOG  ? parse_level(entry.value, value)
+                                              : (value = static_cast<int>(Symbol(entry.value).get_num()), true);
                 if (!ok) continue;
                 e->value.store(value, std::memory_order_relaxed);
                 ++applied;
@@ -292,6 +293,32 @@ bool GlobVarBool::set(Symbol const& module, Symbol const& name, bool value) {
 }
 
 // --- GlobVarLog -----------------------------------------------------------------------------------
+
+GlobVarText::GlobVarText(Symbol const& module, Symbol const& name) : GlobVar(module, name, KIND_TEXT) {}
+
+GlobVarText::GlobVarText(Symbol const& module, Symbol const& name, char const* value)
+    : GlobVar(module, name, KIND_TEXT) {
+    set(value);
+}
+
+AString GlobVarText::get() const { return Symbol(static_cast<unsigned int>(read_())).get_name(); }
+
+void GlobVarText::set(char const* value) { write_(static_cast<int>(Symbol(value ? value : "").get_num())); }
+
+int GlobVarText::get_names(Symbol const& module, SymbolList& out) { return get_names_(module, KIND_TEXT, out); }
+
+AString GlobVarText::get(Symbol const& module, Symbol const& name) {
+    return Symbol(static_cast<unsigned int>(get_(module, name, KIND_TEXT))).get_name();
+}
+
+bool GlobVarText::set(Symbol const& module, Symbol const& name, char const* value) {
+    Registry& r = registry();
+    CriticalSectionHolder hold(r.lock);
+    GlobVarEntry* e = r.find_entry(module, name, KIND_TEXT);
+    if (!e) return false;
+    e->value.store(static_cast<int>(Symbol(value ? value : "").get_num()), std::memory_order_relaxed);
+    return true;
+}
 
 AString GlobVarLog::name_of_source(char const* source_path) {
     AString base = Path(source_path).get_base();

@@ -18,6 +18,7 @@ using tarvik::GlobVar;
 using tarvik::GlobVarBool;
 using tarvik::GlobVarInt;
 using tarvik::GlobVarLog;
+using tarvik::GlobVarText;
 using tarvik::Symbol;
 using tarvik::SymbolList;
 using tarvik::test::run_together;
@@ -244,6 +245,21 @@ TEST(GlobVarIni, SetsDeclaredVariablesOfEachKindAndCountsThem) {
     EXPECT_EQ(load("[T.INI.SET]\nRETRIES = off\n"), 1);  // a boolean only; no bad value for the integer
     EXPECT_EQ(retries.get(), 1);
     EXPECT_FALSE(twin.get());
+}
+
+TEST(GlobVarIni, TextVariablesTakeTheValueAsItStandsAndReadBackByName) {
+    Symbol m("T.INI.TEXT");
+    GlobVarText path(m, "PATH", "/etc/default.pem");
+    GlobVarText same(m, "PATH");  // binds the same entry: the value of the first
+    EXPECT_EQ(same.get(), "/etc/default.pem");
+    EXPECT_EQ(load("[T.INI.TEXT]\nPATH = /srv/tls/server key.pem\n"), 1);
+    EXPECT_EQ(path.get(), "/srv/tls/server key.pem");
+    EXPECT_TRUE(GlobVarText::set(m, "PATH", ""));
+    EXPECT_EQ(GlobVarText::get(m, "PATH"), "");
+    EXPECT_FALSE(GlobVarText::set(m, "UNDECLARED", "x"));
+    EXPECT_EQ(GlobVarText::get(m, "UNDECLARED"), "");
+    SymbolList names;
+    EXPECT_EQ(GlobVarText::get_names(m, names), 1);
 }
 
 TEST(GlobVarIni, ReportsUnknownNamesAndBadValuesAndSetsTheRest) {

@@ -1,6 +1,6 @@
 // GlobVar.h: named global variables that switch settings at run time.
 //
-// A process-wide registry holds integer, boolean and log-level variables grouped by module. Each part of
+// A process-wide registry holds integer, boolean, log-level and text variables grouped by module. Each part of
 // the library declares the variables it consults as static objects; a host reads, changes and lists them
 // by module and name while it runs. One variable is identified by (module, name, kind): the same module
 // and name under two kinds are two distinct variables.
@@ -53,7 +53,7 @@ public:
     static int load_ini(Path const& path);
     static int load_ini(IBStream& in, char const* source_name);
 
-    enum Kind { KIND_BOOL = 0, KIND_INT = 1, KIND_LOG = 2 };
+    enum Kind { KIND_BOOL = 0, KIND_INT = 1, KIND_LOG = 2, KIND_TEXT = 3 };
 
 protected:
     GlobVar(Symbol const& module, Symbol const& name, Kind kind);
@@ -144,6 +144,25 @@ public:
 
     // The variable name a source path gives: "src/Blob-linux.cpp" -> "BLOB-LINUX".
     static AString name_of_source(char const* source_path);
+};
+
+// A text variable (a path, a name). The text is interned as a Symbol and the variable holds its number,
+// so reading and setting stay single-word operations as for the other kinds; every distinct value set
+// stays in the name registry for the life of the process, so text variables are for settings, not for
+// data. Loading from a file takes the value as it stands (any text is of the right form).
+class TARVIK_EXPORT GlobVarText : public GlobVar {
+public:
+    GlobVarText(Symbol const& module, Symbol const& name);
+    GlobVarText(Symbol const& module, Symbol const& name, char const* value);
+
+    AString get() const;
+    void set(char const* value);
+
+    static int get_names(Symbol const& module, SymbolList& out);
+    // The variable's value, "" when there is none.
+    static AString get(Symbol const& module, Symbol const& name);
+    // Stores into an existing variable; false (nothing created) when there is none.
+    static bool set(Symbol const& module, Symbol const& name, char const* value);
 };
 
 // Library start: builds the table of value-kind managers (the first lookup builds it) and makes the

@@ -1,8 +1,13 @@
 // Tls.h: the settings of the secure TCP/IP transport ("STCPIP:host:port").
 //
 // An "STCPIP:" connection is TLS (1.2 at least, 1.3 preferred) over TCP/IP; it never falls back to plain
-// text. Each end uses a TlsOptions: the process-wide defaults below, which every new "STCPIP:" listener
-// and sender starts from, overridden per endpoint through set_param with the attributes
+// text. Each end uses a TlsOptions: the process-wide defaults, which every new "STCPIP:" listener and
+// sender starts from, are the global variables of the module "TVK.STCPIP" (so a host sets them from code
+// with set_tls_defaults or from its file of global variables, GlobVar::load_ini):
+//   TLS.CERT_FILE, TLS.KEY_FILE, TLS.CA_FILE   text, default ""
+//   TLS.VERIFY_PEER                            int, default 1
+//   TLS.REQUIRE_CLIENT_CERT                    int, default 0
+// They are overridden per endpoint through set_param with the attributes
 //   "tls_cert_file", "tls_key_file", "tls_ca_file"   (strings: paths of PEM files)
 //   "tls_verify_peer", "tls_require_client_cert"     (ints: 0 or 1)
 // which get_param writes back. A listener must have a certificate and its key; it asks for a client

@@ -7,6 +7,8 @@
 #include "ServiceSupport.h"
 #include "TestSupport.h"
 #include "TlsTestCerts.h"
+#include "tarvik/GlobVar.h"
+#include "tarvik/IOBStream.h"
 #include "tarvik/Listener.h"
 #include "tarvik/Sender.h"
 #include "tarvik/Service.h"
@@ -186,15 +188,16 @@ TEST(Tls, ListenerWithoutAUsableCertificateDoesNotStart) {
     }
 }
 
-TEST(Tls, ProcessDefaultsApplyToEndpointsMadeAfterThem) {
+TEST(Tls, ProcessDefaultsComeFromTheFileOfGlobalVariablesAndApplyToEndpointsMadeAfterThem) {
     ASSERT_TRUE(certs().ok());
-    TlsOptions const saved = tls_defaults();
-    TlsOptions options;
-    options.cert_file = certs().crt("server").c_str();
-    options.key_file = certs().key("server").c_str();
-    options.ca_file = certs().crt("ca").c_str();
-    set_tls_defaults(options);
     init();
+    TlsOptions const saved = tls_defaults();
+    std::string const ini = "[TVK.STCPIP]\nTLS.CERT_FILE = " + certs().crt("server") + "\nTLS.KEY_FILE = " +
+                            certs().key("server") + "\nTLS.CA_FILE = " + certs().crt("ca") + "\nTLS.VERIFY_PEER = 1\n";
+    IBStream in(ini.c_str());
+    ASSERT_EQ(GlobVar::load_ini(in, "tls.ini"), 4);
+    EXPECT_EQ(std::string(tls_defaults().cert_file.c_str()), certs().crt("server"));
+
     AutoRef<ServiceManager> manager = ServiceManager::create();
     AutoRef<Service> service = tarvik::test::make_service("tls.test", "main", {"tls"});
     register_methods();

@@ -38,9 +38,13 @@
 // opening, bounded like a request: by the connection time-out on the sender, by the stall sweep on the
 // listener). A secure listener that cannot load its certificate fails start() with a record.
 //
-// Thread safety: as Listener.h and Sender.h state. Lock order: TCPIPListener::mutex_, then TcpServer's
-// connections lock, then a ServerConnection's lock is never taken under the connections lock (the sweep
-// copies what it needs first); TCPIPSender::mutex_ guards only its pool (a leaf).
+// Thread safety: as Listener.h and Sender.h state. Lock order (a lock may be taken while holding only
+// those above it):
+//   TCPIPListener::mutex_     (held while starting: builds the TLS context under TlsEndpoint's lock)
+//   TcpServer::listen_mutex_  (held while accepting: takes a new connection's lock)
+//   ServerConnection::mutex   (held while serving an event or closing: takes the connections lock)
+//   TcpServer::connections_mutex_, TlsEndpoint's lock, TCPIPSender::mutex_ (leaves)
+// The sweep copies the stalled connections out of the connections lock before it takes their own.
 #pragma once
 
 #include <atomic>

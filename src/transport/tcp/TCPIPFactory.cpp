@@ -11,6 +11,7 @@
 #include "tarvik/Listener.h"
 #include "tarvik/Sender.h"
 #include "transport/tcp/TCPIP.h"
+#include "transport/tls/Tls.h"
 
 TARVIK_LOG_UNIT()
 
@@ -53,6 +54,7 @@ public:
 void register_tcpip_factories() {
     tcpip_config();
     tcpip_limits();
+    register_tls_variables();
     static ListenerFactoryTCPIP* const listeners = memory::create<ListenerFactoryTCPIP>();
     static SenderFactoryTCPIP* const senders = memory::create<SenderFactoryTCPIP>();
     (void)listeners;

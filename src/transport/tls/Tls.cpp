@@ -6,6 +6,7 @@
 #include <openssl/x509v3.h>
 
 #include "Memory.h"
+#include "tarvik/GlobVar.h"
 #include "tarvik/Tuple.h"
 #include "transport/tls/TlsImpl.h"
 
@@ -26,14 +27,25 @@ AString take_errors(char const* fallback) {
     return text;
 }
 
-AnnotatedMutex& defaults_mutex() {
-    static AnnotatedMutex* const m = memory::create<AnnotatedMutex>();
-    return *m;
-}
+// The process defaults live in global variables, so that a host sets them from code or from its file of
+// global variables alike.
+struct TlsVariables {
+    TlsVariables()
+        : cert(Symbol("TVK.STCPIP"), Symbol("TLS.CERT_FILE"), ""),
+          key(Symbol("TVK.STCPIP"), Symbol("TLS.KEY_FILE"), ""),
+          ca(Symbol("TVK.STCPIP"), Symbol("TLS.CA_FILE"), ""),
+          verify_peer(Symbol("TVK.STCPIP"), Symbol("TLS.VERIFY_PEER"), 1),
+          require_client_cert(Symbol("TVK.STCPIP"), Symbol("TLS.REQUIRE_CLIENT_CERT"), 0) {}
+    GlobVarText cert;
+    GlobVarText key;
+    GlobVarText ca;
+    GlobVarInt verify_peer;
+    GlobVarInt require_client_cert;
+};
 
-TlsOptions& defaults() TARVIK_REQUIRES(defaults_mutex()) {
-    static TlsOptions* const d = memory::create<TlsOptions>();
-    return *d;
+TlsVariables& variables() {
+    static TlsVariables* const v = memory::create<TlsVariables>();
+    return *v;
 }
 
 struct SslCtxFree {
@@ -46,14 +58,26 @@ struct SslFree {
 }  // namespace
 
 void set_tls_defaults(TlsOptions const& options) {
-    MutexHold hold(defaults_mutex());
-    defaults() = options;
+    TlsVariables& v = variables();
+    v.cert.set(options.cert_file.c_str());
+    v.key.set(options.key_file.c_str());
+    v.ca.set(options.ca_file.c_str());
+    v.verify_peer.set(options.verify_peer ? 1 : 0);
+    v.require_client_cert.set(options.require_client_cert ? 1 : 0);
 }
 
 TlsOptions tls_defaults() {
-    MutexHold hold(defaults_mutex());
-    return defaults();
+    TlsVariables const& v = variables();
+    TlsOptions options;
+    options.cert_file = v.cert.get();
+    options.key_file = v.key.get();
+    options.ca_file = v.ca.get();
+    options.verify_peer = v.verify_peer.get() != 0;
+    options.require_client_cert = v.require_client_cert.get() != 0;
+    return options;
 }
+
+void register_tls_variables() { variables(); }
 
 // --- the context of one endpoint ----------------------------------------------------------------------
 

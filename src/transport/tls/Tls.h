@@ -20,6 +20,10 @@ namespace tarvik {
 
 class Tuple;
 
+// Binds the process defaults' global variables ("TVK.STCPIP" TLS.*), so a host can list and load them from
+// the start; called once by init().
+void register_tls_variables();
+
 class TlsEndpoint {
 public:
     explicit TlsEndpoint(bool server);
