@@ -282,7 +282,7 @@ TEST(Tcp, ConnectToAListenerWhoseQueueIsFullTimesOutWithinTheConnectionTimeout) 
 
 // Each kind of damage is sent on a raw connection; the listener must drop that connection with a record and
 // answer the next caller as before.
-class HostilePeer : public ::testing::Test {
+class TcpHostile : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(server.listener); }
     // Sends `bytes`, expects the listener to close the connection and to record `record`.
@@ -301,36 +301,36 @@ protected:
     Server server;
 };
 
-TEST_F(HostilePeer, GarbageInsteadOfAPageHeaderIsDropped) {
+TEST_F(TcpHostile, GarbageInsteadOfAPageHeaderIsDropped) {
     expect_dropped(std::string(64, 'G'), "INVALID HEADER");
 }
 
-TEST_F(HostilePeer, HeaderClaimingFourGibibytesIsRefusedBeforeAnyAllocation) {
+TEST_F(TcpHostile, HeaderClaimingFourGibibytesIsRefusedBeforeAnyAllocation) {
     std::string bytes = request_bytes();
     bytes.replace(12, 8, "FFFFFFFF");
     expect_dropped(bytes.substr(0, 21), "BUFFER OF MORE THAN 67108864 BYTES REFUSED");
 }
 
-TEST_F(HostilePeer, RequestBeyondTheConfiguredMaximumIsRefused) {
+TEST_F(TcpHostile, RequestBeyondTheConfiguredMaximumIsRefused) {
     IntVar small("TVK.TCPIP", "COMM.MAX_BUFFER_SIZE", 1024);
     Tuple args;
     args.set_blob("b", Blob(std::string(4096, 'x').data(), 4096, 0));
     expect_dropped(request_bytes(args), "BUFFER OF MORE THAN 1024 BYTES REFUSED");
 }
 
-TEST_F(HostilePeer, SlowDripStalledMidRequestIsDroppedAfterTheCommTimeout) {
+TEST_F(TcpHostile, SlowDripStalledMidRequestIsDroppedAfterTheCommTimeout) {
     IntVar force("TVK.TCPIP", "COMM.FORCE_TIMEOUT", 300);
     std::string const bytes = request_bytes();
     expect_dropped(bytes.substr(0, bytes.size() / 2), "STALLED FOR MORE THAN 300 MS");
 }
 
-TEST_F(HostilePeer, BytesThatAreNoTupleAreDropped) {
+TEST_F(TcpHostile, BytesThatAreNoTupleAreDropped) {
     std::string bytes = request_bytes();
     for (std::size_t i = 21; i < bytes.size(); ++i) bytes[i] = '\x7f';
     expect_dropped(bytes, "DAMAGED TUPLE FROM");
 }
 
-TEST_F(HostilePeer, RequestInterningMoreNewNamesThanAllowedIsDropped) {
+TEST_F(TcpHostile, RequestInterningMoreNewNamesThanAllowedIsDropped) {
     IntVar limit("TVK.COMM", "NAMES.MAX_NEW_PER_BUFFER", 3);
     Tuple args;
     std::string const stem = "tcpname" + std::to_string(::getpid()) + "_";
@@ -341,7 +341,7 @@ TEST_F(HostilePeer, RequestInterningMoreNewNamesThanAllowedIsDropped) {
     expect_dropped(bytes, "REFUSED: MORE THAN 3 NEW NAMES");
 }
 
-TEST_F(HostilePeer, ConnectionsBeyondTheLimitAreClosedAtOnceWithARecord) {
+TEST_F(TcpHostile, ConnectionsBeyondTheLimitAreClosedAtOnceWithARecord) {
     IntVar limit("TVK.TCPIP", "CONNECTIONS.MAX", 2);
     int const a = raw_connect(server.port()), b = raw_connect(server.port());
     ASSERT_TRUE(tarvik::test::eventually([&] { return server.param().get_long("connections", -1) == 2; }, 3));

@@ -21,8 +21,9 @@
 // communication time-out to finish, then ends the I/O threads and closes every connection. A thread stuck in
 // a callback that never returns is left running (reported at ERR); what it uses is shared with it.
 //
-// Sender. A pool of connections, one exchange in flight on each: call() takes an idle connection (one that
-// has input waiting or was closed by its peer is dropped: a restarted server is met with a new connection)
+// Sender. A pool of connections, one exchange in flight on each: call() takes an idle connection (one idle
+// for more than a few milliseconds that has input waiting or was closed by its peer is dropped: a
+// restarted server is met with a new connection)
 // or opens one with a non-blocking connect bounded by the effective connection time-out, writes the
 // request and reads the answer within the effective communication time-out, then puts the connection back.
 // A connection that failed or timed out is closed, never reused: its position in the stream is unknown.
