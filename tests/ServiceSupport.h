@@ -1,6 +1,6 @@
 // ServiceSupport.h: what the service tests share: methods made from lambdas, services with named
 // interfaces, a live count of services, log levels set for the length of a test, and the check of one
-// error record.
+// error record, and the bytes of a buffer as a socket carries them.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "TestSupport.h"
+#include "tarvik/CommBuffer.h"
 #include "tarvik/GlobVar.h"
 #include "tarvik/Interface.h"
 #include "tarvik/Service.h"
@@ -19,6 +20,17 @@
 #include "tarvik/Tuple.h"
 
 namespace tarvik::test {
+
+// The pages of a buffer one after the other, headers included: what a transport puts on the wire.
+inline std::string bytes_of(CommBuffer const& b) {
+    std::string out;
+    CommBuffer::PageIterator pages(b);
+    while (pages.hasNext()) {
+        CommBuffer::Page const* p = pages.next();
+        out.append(reinterpret_cast<char const*>(p->data()), p->used);
+    }
+    return out;
+}
 
 // A method whose body is a lambda.
 struct Method : Service::CallMethod {

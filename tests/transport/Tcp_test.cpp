@@ -92,13 +92,7 @@ Tuple call_request(char const* method, Tuple const& args) {
 std::string request_bytes(Tuple const& args = Tuple()) {
     CommBuffer buffer;
     encode_tuple(call_request("copy", args), buffer, false);
-    std::string bytes;
-    CommBuffer::PageIterator pages(buffer);
-    while (pages.hasNext()) {
-        CommBuffer::Page const* page = pages.next();
-        bytes.append(reinterpret_cast<char const*>(page->data()), page->used);
-    }
-    return bytes;
+    return tarvik::test::bytes_of(buffer);
 }
 
 // A raw client socket on 127.0.0.1:port, blocking, or -1.

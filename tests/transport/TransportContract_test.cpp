@@ -190,15 +190,7 @@ TEST(TransportFactories, TraceTheAddressAndMakeOnlyWhatThisBuildHas) {
 
 // --- the page reader -------------------------------------------------------------------------------------
 
-std::string bytes_of(CommBuffer const& b) {
-    std::string out;
-    CommBuffer::PageIterator pages(b);
-    while (pages.hasNext()) {
-        CommBuffer::Page const* p = pages.next();
-        out.append(reinterpret_cast<char const*>(p->data()), p->used);
-    }
-    return out;
-}
+using tarvik::test::bytes_of;
 
 std::string encoded(Tuple const& t, unsigned int page_size) {
     CommBuffer b(page_size);
