@@ -1,10 +1,10 @@
 // Channel.h: the byte pipe under one TCP/IP connection, plain or TLS, as the listener and sender see it.
 //
 // A connection owns its socket descriptor and one Channel over it. The channel never owns or closes the
-// descriptor; it only moves bytes through it. All operations are non-blocking: the descriptor is in
-// non-blocking mode, and a channel that cannot go on says which readiness it waits for (WANT_READ /
-// WANT_WRITE), so the caller arms its poller (listener) or polls with its deadline (sender) and calls
-// again. The plain channel is a thin layer over recv/send; the TLS channel (src/transport/tls/) runs the
+// descriptor; it only moves bytes through it. A channel that cannot go on says which readiness it waits
+// for (WANT_READ / WANT_WRITE), so the caller arms its poller (listener) or polls with its deadline
+// (sender) and calls again. The listener's descriptors are non-blocking; a sender's may be blocking with a
+// send and receive time-out (SocketImpl.h), in which case WANT_ means that time-out passed. The plain channel is a thin layer over recv/send; the TLS channel (src/transport/tls/) runs the
 // handshake in open() and may want to write while reading and the other way round (renegotiation, key
 // updates), which is why every operation may answer either WANT_.
 //

@@ -2,6 +2,7 @@
 #include "transport/tcp/SocketImpl.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -9,6 +10,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <arpa/inet.h>
@@ -231,6 +233,15 @@ int wait_ready(int fd, bool for_write, int timeout_ms) {
 bool has_input_or_closed(int fd) {
     pollfd p{fd, POLLIN, 0};
     return ::poll(&p, 1, 0) != 0;
+}
+
+bool set_blocking_timeout(int fd, int timeout_ms) {
+    int const flags = ::fcntl(fd, F_GETFL);
+    if (flags < 0 || ((flags & O_NONBLOCK) && ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0)) return false;
+    if (timeout_ms < 1) timeout_ms = 1;
+    timeval t{timeout_ms / 1000, static_cast<suseconds_t>((timeout_ms % 1000) * 1000)};
+    return ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &t, sizeof t) == 0 &&
+           ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &t, sizeof t) == 0;
 }
 
 void close_socket(int fd) {

@@ -63,6 +63,9 @@ int wait_ready(int fd, bool for_write, int timeout_ms);
 // such a connection cannot carry a new exchange.
 bool has_input_or_closed(int fd);
 void close_socket(int fd);
+// Puts a connected socket in blocking mode whose reads and writes give up after `timeout_ms` (at least 1)
+// with "would block"; a caller that waits for one answer saves a poll per read that way. false on error.
+bool set_blocking_timeout(int fd, int timeout_ms);
 // How many descriptors this process has open (for tests and get_param).
 int open_descriptor_count();
 

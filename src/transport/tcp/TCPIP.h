@@ -136,7 +136,7 @@ public:
     void set_param(Tuple const& param) override;
     Tuple& get_param(Tuple& param) override TARVIK_EXCLUDES(mutex_);
 
-    struct Connection;
+    struct Connection;  // a pooled connection (TCPIPSender.cpp)
 
 private:
     std::unique_ptr<Connection> take_idle_() TARVIK_EXCLUDES(mutex_);

@@ -26,6 +26,7 @@ constexpr auto kFreshIdle = std::chrono::milliseconds(20);
 struct TCPIPSender::Connection {
     int fd = -1;
     ChannelPtr channel;
+    int io_timeout_ms = 0;  // the time-out the blocking socket's reads and writes have now
     std::chrono::steady_clock::time_point idle_since{};
     ~Connection() {
         channel.reset();
@@ -101,7 +102,16 @@ int TCPIPSender::connect_(std::unique_ptr<Connection>& out, Deadline const& dead
     return fail_(result, error);
 }
 
+namespace {
+
+// Bounds the socket's blocking reads and writes by what is left of the exchange. The socket keeps its
+// time-out from one call to the next, so a call that takes less than a millisecond changes nothing.
+bool bound_by(TCPIPSender::Connection& c, Deadline const& deadline);
+
+}  // namespace
+
 int TCPIPSender::exchange_(Connection& c, CommBuffer const& request, Tuple& reply, Deadline const& deadline) {
+    if (!bound_by(c, deadline)) return fail_(CALL_FAILED, AString("cannot set the socket's time-out"));
     auto wait = [&](long want, char const* doing) -> int {
         int const ready = socket_impl::wait_ready(c.fd, want == Channel::WANT_WRITE, deadline.ms_left());
         if (ready > 0) return 0;
@@ -128,6 +138,7 @@ int TCPIPSender::exchange_(Connection& c, CommBuffer const& request, Tuple& repl
         CommBuffer::Page const* page = pages.next();
         unsigned int done = 0;
         while (done < page->used) {
+            if (!bound_by(c, deadline)) return fail_(CALL_FAILED, AString("cannot set the socket's time-out"));
             long const put = c.channel->write(page->data() + done, page->used - done);
             if (put > 0) {
                 done += static_cast<unsigned int>(put);
@@ -142,11 +153,8 @@ int TCPIPSender::exchange_(Connection& c, CommBuffer const& request, Tuple& repl
     CommBuffer answer;
     PageStreamReader reader(answer, tcpip_config().max_buffer_size(), address_.c_str());
     thread_local std::unique_ptr<unsigned char[]> buffer = memory::make_array<unsigned char>(kReadChunk);
-    // The answer cannot be there yet: wait for it before the first read rather than after a read that
-    // finds nothing.
-    if (!c.channel->has_buffered())
-        if (int const w = wait(Channel::WANT_READ, "answer")) return w;
     for (;;) {
+        if (!bound_by(c, deadline)) return fail_(CALL_FAILED, AString("cannot set the socket's time-out"));
         long const got = c.channel->read(buffer.get(), kReadChunk);
         if (got > 0) {
             bytes_in_ += got;
@@ -169,6 +177,22 @@ int TCPIPSender::exchange_(Connection& c, CommBuffer const& request, Tuple& repl
     if (r < 0) last_error_ = r;
     return r;
 }
+
+namespace {
+
+bool bound_by(TCPIPSender::Connection& c, Deadline const& deadline) {
+    int const left = deadline.is_never() ? 0 : deadline.ms_left();
+    // 0 is "no time-out" for the socket: a deadline that never comes, or one just reached (given the
+    // shortest time-out, so the next wait reports it).
+    int const wanted = deadline.is_never() ? 0 : (left < 1 ? 1 : left);
+    if (wanted == c.io_timeout_ms && c.io_timeout_ms != 0) return true;
+    if (wanted == 0 && c.io_timeout_ms == -1) return true;
+    if (!socket_impl::set_blocking_timeout(c.fd, wanted == 0 ? 0x3fffffff : wanted)) return false;
+    c.io_timeout_ms = wanted == 0 ? -1 : wanted;
+    return true;
+}
+
+}  // namespace
 
 int TCPIPSender::call(Tuple const& request, Tuple& reply) {
     reply.clear();
