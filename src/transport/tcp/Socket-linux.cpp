@@ -214,8 +214,7 @@ int connect_finish(int fd, SocketAddress const& address, int timeout_ms, AString
     }
     int err = 0;
     socklen_t length = sizeof err;
-    if (ready < 0) err = errno;
-    else if (::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &length) != 0) err = errno;
+    if (ready < 0 || ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &length) != 0) err = errno;
     if (err == 0) return CONNECTED;
     return system_failure_("connect to", to_text(address), error, err);
 }

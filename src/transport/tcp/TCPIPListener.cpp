@@ -472,8 +472,8 @@ TCPIPListener::TCPIPListener(char const* host_port, bool secure)
 }
 
 TCPIPListener::~TCPIPListener() {
-    stop();
-    reset_callback();
+    TCPIPListener::stop();
+    TCPIPListener::reset_callback();
     MutexHold hold(mutex_);
     socket_impl::close_socket(listen_fd_);
 }
