@@ -2,6 +2,12 @@
 // certificates made at test time; each kind of refused certificate fails the handshake with its reason.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
 #include <string>
 
 #include "ServiceSupport.h"
@@ -158,6 +164,48 @@ TEST(Tls, NeitherEndFallsBackToPlainText) {
     StdoutCapture capture;
     EXPECT_EQ(call(secure_to_plain, tls_param("", "ca")), Sender::CALL_HANDSHAKE_FAILED);
     manager->remove_listener(plain);
+}
+
+// A raw client on 127.0.0.1:port.
+int raw_connect(int port) {
+    int const fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(static_cast<std::uint16_t>(port));
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+TEST(Tls, PeersThatNeverCompleteTheHandshakeAreDroppedWithARecord) {
+    ASSERT_TRUE(certs().ok());
+    SecureServer server(tls_param("server", ""));
+    ASSERT_TRUE(server.started);
+    tarvik::test::IntVar force("TVK.TCPIP", "COMM.FORCE_TIMEOUT", 300);
+    int const port = std::atoi(server.name.substr(server.name.rfind(':') + 1).c_str());
+    struct Case {
+        std::string sent;
+        char const* record;
+    } const cases[] = {
+        {"", "STALLED FOR MORE THAN 300 MS"},                         // says nothing at all
+        {std::string(64, 'G'), "OPENING THE CONNECTION FROM"},        // no ClientHello
+    };
+    for (Case const& c : cases) {
+        StdoutCapture capture;
+        int const fd = raw_connect(port);
+        ASSERT_GE(fd, 0);
+        if (!c.sent.empty()) ASSERT_GT(::send(fd, c.sent.data(), c.sent.size(), MSG_NOSIGNAL), 0);
+        char sink[256];
+        EXPECT_LE(::recv(fd, sink, sizeof sink, 0), 0);  // closed by the listener (after its alert, if any)
+        while (::recv(fd, sink, sizeof sink, 0) > 0) {
+        }
+        ::close(fd);
+        EXPECT_TRUE(tarvik::test::eventually([&] { return capture.records_with(c.record) == 1; }, 3)) << capture.text();
+    }
+    EXPECT_EQ(call(server.name, tls_param("", "ca")), 0);
 }
 
 TEST(Tls, ListenerWithoutAUsableCertificateDoesNotStart) {
